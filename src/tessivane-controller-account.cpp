@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// The Account dock, the stored session and the signed-in state.
+#include "tessivane-controller.h"
+#include "tessivane-widgets.h"
+
+#include <QDesktopServices>
+#include <QFrame>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QSettings>
+#include <QStackedWidget>
+#include <QVBoxLayout>
+
+namespace {
+constexpr char pluginVersion[] = "0.3.3";
+constexpr QLatin1String settingsOrganization("Tessivane");
+constexpr QLatin1String settingsApplication("OBS Plugin");
+constexpr QLatin1String sessionTokenKey("sessionToken");
+
+QString planText(const QJsonValue &plan)
+{
+    if (plan.isObject())
+        return plan.toObject().value(QStringLiteral("name")).toString();
+    return plan.toString();
+}
+} // namespace
+
+QWidget *TessivaneController::buildAccountDock()
+{
+    QWidget *root = makeRoot();
+    auto *layout = new QVBoxLayout(root);
+    layout->setContentsMargins(12, 12, 12, 12);
+    layout->setSpacing(10);
+
+    auto *brand = new QLabel(QStringLiteral("TESSIVANE"), root);
+    brand->setObjectName(QStringLiteral("TessivaneBrand"));
+    layout->addWidget(brand);
+    layout->addWidget(heading(QStringLiteral("Account"), root));
+
+    accountStack_ = new QStackedWidget(root);
+
+    QFrame *signInPage = makePanel(accountStack_);
+    auto *signInLayout = new QVBoxLayout(signInPage);
+    signInLayout->addWidget(
+        muted(QStringLiteral("Sign in with the same Tessivane account you use on the website."),
+              signInPage));
+    emailEdit_ = new QLineEdit(signInPage);
+    emailEdit_->setPlaceholderText(QStringLiteral("Email address"));
+    signInLayout->addWidget(emailEdit_);
+    passwordEdit_ = new QLineEdit(signInPage);
+    passwordEdit_->setPlaceholderText(QStringLiteral("Password"));
+    passwordEdit_->setEchoMode(QLineEdit::Password);
+    signInLayout->addWidget(passwordEdit_);
+    auto *signInButton = new QPushButton(QStringLiteral("Sign In"), signInPage);
+    signInLayout->addWidget(signInButton);
+    accountStatusLabel_ = muted(QString(), signInPage);
+    signInLayout->addWidget(accountStatusLabel_);
+
+    QFrame *accountPage = makePanel(accountStack_);
+    auto *accountLayout = new QVBoxLayout(accountPage);
+    accountNameLabel_ = makeValueLabel(QStringLiteral("Tessivane"), accountPage);
+    accountLayout->addWidget(accountNameLabel_);
+    accountDetailLabel_ = muted(QStringLiteral("Free plan"), accountPage);
+    accountLayout->addWidget(accountDetailLabel_);
+    auto *manageButton = new QPushButton(QStringLiteral("Manage Account"), accountPage);
+    accountLayout->addWidget(manageButton);
+    checkUpdatesButton_ = new QPushButton(QStringLiteral("Check for Updates"), accountPage);
+    accountLayout->addWidget(checkUpdatesButton_);
+    updateStatusLabel_ =
+        muted(QStringLiteral("Tessivane OBS Plugin v%1").arg(QLatin1String(pluginVersion)),
+              accountPage);
+    accountLayout->addWidget(updateStatusLabel_);
+    auto *signOutButton = new QPushButton(QStringLiteral("Sign Out"), accountPage);
+    accountLayout->addWidget(signOutButton);
+
+    accountStack_->addWidget(signInPage);
+    accountStack_->addWidget(accountPage);
+    layout->addWidget(accountStack_);
+    layout->addStretch(1);
+
+    connect(signInButton, &QPushButton::clicked, this, [this]() {
+        accountStatusLabel_->setText(QStringLiteral("Signing in..."));
+        api_.login(emailEdit_->text(), passwordEdit_->text());
+    });
+    // Return in the password field signs in; the e-mail field has no such shortcut.
+    connect(passwordEdit_, &QLineEdit::returnPressed, signInButton, &QPushButton::click);
+    connect(manageButton, &QPushButton::clicked, []() {
+        QDesktopServices::openUrl(QUrl(QStringLiteral(TESSIVANE_SERVICE_ORIGIN "/account/")));
+    });
+    connect(signOutButton, &QPushButton::clicked, &api_, &TessivaneApi::logout);
+    return root;
+}
+
+QString TessivaneController::loadSession() const
+{
+    const QSettings settings(settingsOrganization, settingsApplication);
+    return settings.value(sessionTokenKey).toString().trimmed();
+}
+
+void TessivaneController::saveSession(const QString &token)
+{
+    api_.setSessionToken(token);
+    QSettings settings(settingsOrganization, settingsApplication);
+    settings.setValue(sessionTokenKey, token);
+}
+
+void TessivaneController::clearSession()
+{
+    api_.setSessionToken(QString());
+    QSettings settings(settingsOrganization, settingsApplication);
+    settings.remove(sessionTokenKey);
+}
+
+void TessivaneController::setSignedInUi(bool signedIn)
+{
+    if (!accountStack_)
+        return;
+    accountStack_->setCurrentIndex(signedIn ? 1 : 0);
+    if (!signedIn) {
+        accountStatusLabel_->setText(QString());
+        return;
+    }
+    const QString name = account_.value(QStringLiteral("name")).toString().trimmed();
+    const QString email = account_.value(QStringLiteral("email")).toString().trimmed();
+    accountNameLabel_->setText(name.isEmpty() ? email : name);
+    QString plan = planText(account_.value(QStringLiteral("plan")));
+    if (plan.isEmpty())
+        plan = QStringLiteral("Free");
+    accountDetailLabel_->setText(QStringLiteral("%1 plan\n%2").arg(plan, email));
+}

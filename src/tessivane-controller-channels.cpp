@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// The Channels dock.
+#include "tessivane-controller.h"
+#include "tessivane-widgets.h"
+
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QVBoxLayout>
+
+QWidget *TessivaneController::buildChannelsDock()
+{
+    QWidget *root = makeRoot();
+    auto *layout = new QVBoxLayout(root);
+    layout->setContentsMargins(10, 10, 10, 10);
+    layout->setSpacing(8);
+    auto *header = new QHBoxLayout;
+    header->addWidget(heading(QStringLiteral("Your Channels"), root));
+    header->addStretch(1);
+    layout->addLayout(header);
+    layout->addStretch(1);
+    return root;
+}

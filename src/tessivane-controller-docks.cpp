@@ -1,0 +1,185 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// Handing the panels to OBS, taking them back, and the look they share.
+#include "tessivane-controller.h"
+#include "tessivane-widgets.h"
+
+#include <obs-frontend-api.h>
+
+#include <QDockWidget>
+#include <QFrame>
+#include <QLabel>
+#include <QList>
+
+const char tessivaneStyleSheet[] = R"(
+QWidget#TessivaneRoot {
+    background: qradialgradient(cx:0.10, cy:0.05, radius:1.05, fx:0.10, fy:0.05, stop:0 rgba(32, 116, 99, 210), stop:0.36 rgba(7, 29, 27, 245), stop:1 rgba(3, 11, 11, 255));
+    color: #f5fffd;
+    font-family: "Segoe UI Variable", "Segoe UI", sans-serif;
+    font-size: 13px;
+}
+QFrame#TessivanePanel {
+    background: rgba(20, 47, 44, 208);
+    border: 1px solid rgba(186, 255, 239, 54);
+    border-radius: 12px;
+}
+QLabel#TessivaneBrand {
+    color: #43f5ce;
+    font-size: 11px;
+    font-weight: 800;
+}
+QLabel#TessivaneHeading {
+    color: #f9fffe;
+    font-size: 19px;
+    font-weight: 800;
+}
+QLabel#TessivaneValue {
+    color: #f9fffe;
+    font-size: 16px;
+    font-weight: 800;
+}
+QLabel#TessivaneMuted {
+    color: #9ebbb6;
+}
+QLineEdit, QTextEdit, QComboBox, QListWidget {
+    background: rgba(1, 14, 13, 205);
+    color: #f5fffd;
+    border: 1px solid rgba(186, 255, 239, 48);
+    border-radius: 10px;
+    padding: 9px;
+    selection-background-color: #218d78;
+}
+QLineEdit:focus, QTextEdit:focus, QComboBox:focus {
+    border: 1px solid #43f5ce;
+}
+QPushButton, QToolButton {
+    background: qlineargradient(x1:0, y1:0, x2:1, y2:1, stop:0 rgba(55, 188, 159, 190), stop:1 rgba(19, 94, 80, 205));
+    color: #ffffff;
+    border: 1px solid rgba(120, 255, 226, 118);
+    border-radius: 10px;
+    padding: 9px 13px;
+    font-weight: 700;
+}
+QPushButton:hover, QToolButton:hover {
+    background: rgba(72, 213, 181, 188);
+    border-color: #75ffe1;
+}
+QPushButton:pressed, QToolButton:pressed {
+    background: rgba(20, 105, 89, 230);
+}
+QPushButton:disabled, QToolButton:disabled {
+    background: rgba(31, 45, 43, 185);
+    color: #66807b;
+    border-color: rgba(183, 216, 210, 28);
+}
+QCheckBox {
+    spacing: 9px;
+    color: #e9faf6;
+}
+QCheckBox::indicator {
+    width: 28px;
+    height: 16px;
+}
+QCheckBox::indicator:unchecked {
+    background: rgba(28, 45, 42, 210);
+    border: 1px solid rgba(190, 220, 214, 80);
+    border-radius: 8px;
+}
+QCheckBox::indicator:checked {
+    background: #35d9b7;
+    border: 1px solid #75ffe1;
+    border-radius: 8px;
+}
+QScrollArea {
+    border: 0;
+    background: transparent;
+}
+QScrollBar:vertical {
+    background: rgba(2, 13, 12, 120);
+    width: 9px;
+    margin: 2px;
+}
+QScrollBar::handle:vertical {
+    background: rgba(125, 196, 181, 105);
+    border-radius: 4px;
+    min-height: 24px;
+}
+QScrollBar::add-line:vertical, QScrollBar::sub-line:vertical {
+    height: 0;
+}
+)";
+
+QWidget *makeRoot()
+{
+    auto *root = new QWidget;
+    root->setObjectName(QStringLiteral("TessivaneRoot"));
+    root->setStyleSheet(QString::fromUtf8(tessivaneStyleSheet));
+    return root;
+}
+
+QLabel *heading(const QString &text, QWidget *parent)
+{
+    auto *label = new QLabel(text, parent);
+    label->setObjectName(QStringLiteral("TessivaneHeading"));
+    return label;
+}
+
+QLabel *muted(const QString &text, QWidget *parent)
+{
+    auto *label = new QLabel(text, parent);
+    label->setObjectName(QStringLiteral("TessivaneMuted"));
+    label->setWordWrap(true);
+    return label;
+}
+
+QFrame *TessivaneController::makePanel(QWidget *parent) const
+{
+    auto *panel = new QFrame(parent);
+    panel->setObjectName(QStringLiteral("TessivanePanel"));
+    return panel;
+}
+
+QLabel *TessivaneController::makeValueLabel(const QString &text, QWidget *parent) const
+{
+    auto *label = new QLabel(text, parent);
+    label->setObjectName(QStringLiteral("TessivaneValue"));
+    label->setWordWrap(true);
+    return label;
+}
+
+bool TessivaneController::registerDock(const char *id, const char *title, QWidget *widget)
+{
+    if (!widget)
+        return false;
+    if (!obs_frontend_add_dock_by_id(id, title, widget)) {
+        delete widget;
+        return false;
+    }
+    if (auto *dock = qobject_cast<QDockWidget *>(widget->parent())) {
+        dock->setAllowedAreas(Qt::AllDockWidgetAreas);
+        dock->setFeatures(QDockWidget::DockWidgetClosable | QDockWidget::DockWidgetMovable |
+                          QDockWidget::DockWidgetFloatable);
+        dock->setFloating(false);
+    }
+    docks_[QString::fromUtf8(id)] = widget;
+    return true;
+}
+
+void TessivaneController::showDocks()
+{
+    const QList<QPointer<QWidget>> widgets = docks_.values();
+    for (const QPointer<QWidget> &widget : widgets) {
+        if (!widget)
+            continue;
+        QWidget *frame = widget->parentWidget() ? widget->parentWidget() : widget.data();
+        frame->show();
+        frame->raise();
+    }
+}
+
+void TessivaneController::removeDocks()
+{
+    const QList<QString> ids = docks_.keys();
+    for (const QString &id : ids)
+        obs_frontend_remove_dock(id.toUtf8().constData());
+    docks_.clear();
+}

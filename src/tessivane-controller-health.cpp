@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// The Stream Health dock.
+#include "tessivane-controller.h"
+#include "tessivane-widgets.h"
+
+#include <QLabel>
+#include <QVBoxLayout>
+
+QWidget *TessivaneController::buildHealthDock()
+{
+    QWidget *root = makeRoot();
+    auto *layout = new QVBoxLayout(root);
+    layout->setContentsMargins(12, 12, 12, 12);
+    layout->setSpacing(8);
+    layout->addWidget(heading(QStringLiteral("Stream Health"), root));
+    layout->addStretch(1);
+    return root;
+}
+
+void TessivaneController::refreshHealth() {}
+
+void TessivaneController::checkForUpdates(bool manual)
+{
+    Q_UNUSED(manual)
+}

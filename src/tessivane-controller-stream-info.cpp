@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// The Stream Information dock.
+#include "tessivane-controller.h"
+#include "tessivane-widgets.h"
+
+#include <QLabel>
+#include <QVBoxLayout>
+
+QWidget *TessivaneController::buildStreamInfoDock()
+{
+    QWidget *root = makeRoot();
+    auto *layout = new QVBoxLayout(root);
+    layout->setContentsMargins(12, 12, 12, 12);
+    layout->setSpacing(8);
+    layout->addWidget(heading(QStringLiteral("Stream Information"), root));
+    layout->addWidget(muted(QStringLiteral("Updates apply to selected channels. Twitch and Kick "
+                                           "categories open as searchable dropdowns."),
+                            root));
+    streamInfoStatusLabel_ = muted(QString(), root);
+    layout->addWidget(streamInfoStatusLabel_);
+    layout->addStretch(1);
+    return root;
+}

@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// Start, stop and wiring of the controller, and the one reaction to failed requests.
+#include "tessivane-controller.h"
+
+#include <QLabel>
+#include <QLineEdit>
+#include <QNetworkAccessManager>
+#include <QPushButton>
+#include <QTimer>
+
+namespace {
+constexpr int healthIntervalMs = 2000;
+constexpr int pollIntervalMs = 10000;
+constexpr int updateIntervalMs = 6 * 60 * 60 * 1000;
+constexpr int firstUpdateCheckMs = 10000;
+constexpr int secondHealthSampleMs = 1000;
+
+struct DockSpec {
+    const char *id;
+    const char *title;
+    QWidget *(TessivaneController::*build)();
+};
+
+const DockSpec dockSpecs[] = {
+    {"tessivane.account", "Tessivane Account", &TessivaneController::buildAccountDock},
+    {"tessivane.channels", "Tessivane Channels", &TessivaneController::buildChannelsDock},
+    {"tessivane.stream-information", "Tessivane Stream Information",
+     &TessivaneController::buildStreamInfoDock},
+    {"tessivane.stream-health", "Tessivane Stream Health", &TessivaneController::buildHealthDock},
+    {"tessivane.chat", "Tessivane Chat", &TessivaneController::buildChatDock},
+};
+} // namespace
+
+TessivaneController::TessivaneController(QObject *parent)
+    : QObject(parent), downloadManager_(new QNetworkAccessManager(this))
+{
+    api_.setBaseUrl(QUrl(QStringLiteral(TESSIVANE_SERVICE_ORIGIN)));
+}
+
+TessivaneController::~TessivaneController()
+{
+    shutdown();
+}
+
+bool TessivaneController::initialize()
+{
+    if (initialized_)
+        return true;
+    initialized_ = true;
+
+    for (const DockSpec &spec : dockSpecs) {
+        // Each panel is built right before its registration, so a refusal leaves later ones unbuilt.
+        if (!registerDock(spec.id, spec.title, (this->*spec.build)())) {
+            shutdown();
+            return false;
+        }
+    }
+
+    connectApi();
+
+    healthTimer_ = new QTimer(this);
+    healthTimer_->setInterval(healthIntervalMs);
+    connect(healthTimer_, &QTimer::timeout, this, &TessivaneController::refreshHealth);
+    healthTimer_->start();
+    healthClock_.start();
+
+    pollTimer_ = new QTimer(this);
+    pollTimer_->setInterval(pollIntervalMs);
+    connect(pollTimer_, &QTimer::timeout, this, [this]() {
+        if (api_.sessionToken().isEmpty())
+            return;
+    });
+    pollTimer_->start();
+
+    updateTimer_ = new QTimer(this);
+    updateTimer_->setInterval(updateIntervalMs);
+    connect(updateTimer_, &QTimer::timeout, this, [this]() { checkForUpdates(false); });
+    updateTimer_->start();
+
+    QTimer::singleShot(firstUpdateCheckMs, Qt::CoarseTimer, this,
+                       [this]() { checkForUpdates(false); });
+
+    const QString token = loadSession();
+    if (!token.isEmpty()) {
+        api_.setSessionToken(token);
+        // refreshAll asks for the account again; both requests go out on purpose.
+        api_.fetchAccount();
+        refreshAll();
+    } else {
+        setSignedInUi(false);
+        showDocks();
+    }
+
+    refreshHealth();
+    QTimer::singleShot(secondHealthSampleMs, this, [this]() { refreshHealth(); });
+    return true;
+}
+
+void TessivaneController::shutdown()
+{
+    if (!initialized_)
+        return;
+    // Cut the client first so that the failures of the aborts below reach no widget.
+    QObject::disconnect(&api_, nullptr, this, nullptr);
+    api_.abortAll();
+    delete healthTimer_;
+    healthTimer_ = nullptr;
+    delete pollTimer_;
+    pollTimer_ = nullptr;
+    removeDocks();
+    clearWidgetPointers();
+    initialized_ = false;
+}
+
+void TessivaneController::clearWidgetPointers()
+{
+    accountStack_ = nullptr;
+    emailEdit_ = nullptr;
+    passwordEdit_ = nullptr;
+    accountStatusLabel_ = nullptr;
+    accountNameLabel_ = nullptr;
+    accountDetailLabel_ = nullptr;
+    updateStatusLabel_ = nullptr;
+    checkUpdatesButton_ = nullptr;
+    streamInfoStatusLabel_ = nullptr;
+    platformsLabel_ = nullptr;
+}
+
+void TessivaneController::refreshAll()
+{
+    if (api_.sessionToken().isEmpty())
+        return;
+    api_.fetchAccount();
+    api_.fetchIngest();
+}
+
+void TessivaneController::connectApi()
+{
+    connect(&api_, &TessivaneApi::signedIn, this,
+            [this](const QJsonObject &user, const QString &token) {
+                account_ = user;
+                ingestConfigured_ = false;
+                saveSession(token);
+                passwordEdit_->clear();
+                setSignedInUi(true);
+                refreshAll();
+                showDocks();
+            });
+    connect(&api_, &TessivaneApi::signedOut, this, [this]() {
+        clearSession();
+        account_ = QJsonObject();
+        channels_ = QJsonArray();
+        setSignedInUi(false);
+    });
+    connect(&api_, &TessivaneApi::accountLoaded, this, [this](const QJsonObject &user) {
+        account_ = user;
+        setSignedInUi(true);
+    });
+    connect(&api_, &TessivaneApi::requestFailed, this,
+            [this](const QString &operation, const QString &message) {
+                const QString text = QStringLiteral("%1: %2").arg(operation, message);
+                if (operation == QLatin1String("Check for updates")) {
+                    manualUpdateCheck_ = false;
+                    if (checkUpdatesButton_)
+                        checkUpdatesButton_->setEnabled(true);
+                    if (updateStatusLabel_)
+                        updateStatusLabel_->setText(
+                            QStringLiteral("Update check failed. Try again later."));
+                }
+                if (accountStatusLabel_)
+                    accountStatusLabel_->setText(text);
+                if (streamInfoStatusLabel_ &&
+                    (operation.contains(QLatin1String("stream"), Qt::CaseInsensitive) ||
+                     operation.contains(QLatin1String("categor"), Qt::CaseInsensitive)))
+                    streamInfoStatusLabel_->setText(text);
+            });
+}
+
+void TessivaneController::handleFrontendEvent(int event)
+{
+    Q_UNUSED(event)
+}
