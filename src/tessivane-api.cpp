@@ -75,7 +75,8 @@ void TessivaneApi::handleReply(QNetworkReply *reply, const QString &operation, C
 {
     connect(reply, &QNetworkReply::finished, this,
             [this, reply, operation, callback = std::move(callback)]() {
-                const QByteArray body = reply->readAll();
+                // An aborted reply is already closed; reading it would only warn.
+                const QByteArray body = reply->isOpen() ? reply->readAll() : QByteArray();
                 QJsonParseError parseError;
                 const QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
                 const QJsonObject object = document.isObject() ? document.object() : QJsonObject();
