@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+#pragma once
+
+#include <QHash>
+#include <QHttpServer>
+#include <QHttpServerRequest>
+#include <QHttpServerResponse>
+#include <QJsonObject>
+#include <QList>
+#include <QObject>
+#include <QString>
+
+#include <functional>
+
+class QTcpServer;
+
+// A stand-in for the Tessivane service on the loopback interface: the same HTTPS JSON
+// interface, one seeded demo account, sessions kept in memory for the life of the process.
+class DevService : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit DevService(QObject *parent = nullptr);
+
+    // Port 0 picks a free port; port() tells which one was taken. Call one of the two, once.
+    bool listen(quint16 port, const QString &certPath, const QString &keyPath, QString *error);
+    bool listenPlain(quint16 port, QString *error);
+    quint16 port() const;
+    QString origin() const;
+
+private:
+    struct Account
+    {
+        QString id;
+        QString email;
+        QString password;
+        QString name;
+        QString plan;
+        QString streamKey;
+    };
+
+    using Method = QHttpServerRequest::Method;
+    using Handler = std::function<QHttpServerResponse(const QHttpServerRequest &)>;
+    using AccountHandler = std::function<QHttpServerResponse(const Account &, const QString &)>;
+
+    // One routing function per area of the interface.
+    void routeAuth();
+    void routeAccount();
+    void routeStreamEngine();
+    void routePlugin();
+
+    bool bindServer(QTcpServer *server, quint16 port, QString *error);
+    void handle(const QString &path, Method method, Handler handler);
+    void handleSignedIn(const QString &path, Method method, AccountHandler handler);
+
+    QHttpServerResponse login(const QHttpServerRequest &request);
+    QString newSessionToken() const;
+    const Account *findAccount(const QString &email) const;
+
+    static QJsonObject userRecord(const Account &account);
+
+    QList<Account> accounts_;
+    QHash<QString, QString> sessions_; // token -> account id
+    QHttpServer http_;
+    QTcpServer *server_ = nullptr;
+    bool plain_ = false;
+};

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+#include "dev-service.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDir>
+#include <QSocketNotifier>
+
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+int signalPipe[2] = {-1, -1};
+
+// Only async-signal-safe work here: the event loop picks the byte up and quits.
+void onTerminationSignal(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] const ssize_t written = ::write(signalPipe[1], &byte, 1);
+}
+
+bool quitOnTerminationSignals(QCoreApplication &app)
+{
+    if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return false;
+    auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &app);
+    QObject::connect(notifier, &QSocketNotifier::activated, &app, &QCoreApplication::quit);
+
+    struct sigaction action = {};
+    action.sa_handler = onTerminationSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    return ::sigaction(SIGTERM, &action, nullptr) == 0 &&
+           ::sigaction(SIGINT, &action, nullptr) == 0;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("tessivane-dev-service"));
+
+    const QDir certDir(QStringLiteral(TESSIVANE_DEV_CERT_DIR));
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        QStringLiteral("Local development stand-in for the Tessivane service, on 127.0.0.1."));
+    parser.addHelpOption();
+    const QCommandLineOption portOption(QStringLiteral("port"),
+                                        QStringLiteral("Port to listen on; 0 picks a free one."),
+                                        QStringLiteral("N"), QStringLiteral("8787"));
+    const QCommandLineOption certOption(
+        QStringLiteral("cert"), QStringLiteral("Server certificate (PEM)."), QStringLiteral("PEM"),
+        certDir.filePath(QStringLiteral("server.pem")));
+    const QCommandLineOption keyOption(
+        QStringLiteral("key"), QStringLiteral("Server private key (PEM, unencrypted)."),
+        QStringLiteral("PEM"), certDir.filePath(QStringLiteral("server-key.pem")));
+    const QCommandLineOption plainOption(
+        QStringLiteral("plain"),
+        QStringLiteral("Serve plain HTTP instead of HTTPS, for clients that can't be made to "
+                       "trust the development CA."));
+    parser.addOptions({portOption, certOption, keyOption, plainOption});
+    parser.process(app);
+
+    bool portOk = false;
+    const uint port = parser.value(portOption).toUInt(&portOk);
+    if (!portOk || port > 65535) {
+        std::fprintf(stderr, "tessivane-dev-service: --port needs a number from 0 to 65535\n");
+        return 2;
+    }
+
+    if (!quitOnTerminationSignals(app)) {
+        std::perror("tessivane-dev-service: cannot install signal handlers");
+        return 1;
+    }
+
+    DevService service;
+    QString error;
+    const bool listening = parser.isSet(plainOption)
+                               ? service.listenPlain(quint16(port), &error)
+                               : service.listen(quint16(port), parser.value(certOption),
+                                                parser.value(keyOption), &error);
+    if (!listening) {
+        std::fprintf(stderr, "tessivane-dev-service: %s\n", qPrintable(error));
+        return 1;
+    }
+
+    std::printf("Tessivane development service listening on %s\n", qPrintable(service.origin()));
+    std::fflush(stdout);
+    return app.exec();
+}
