@@ -134,9 +134,10 @@ void TessivaneApi::logout()
 
 void TessivaneApi::fetchAccount()
 {
-    get(QStringLiteral("/api/me"), QStringLiteral("Load account"), [this](const QJsonObject &reply) {
-        Q_EMIT accountLoaded(reply.value(QStringLiteral("user")).toObject());
-    });
+    get(QStringLiteral("/api/me"), QStringLiteral("Load account"),
+        [this](const QJsonObject &reply) {
+            Q_EMIT accountLoaded(reply.value(QStringLiteral("user")).toObject());
+        });
 }
 
 void TessivaneApi::fetchIngest()

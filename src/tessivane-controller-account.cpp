@@ -67,9 +67,8 @@ QWidget *TessivaneController::buildAccountDock()
     accountLayout->addWidget(manageButton);
     checkUpdatesButton_ = new QPushButton(QStringLiteral("Check for Updates"), accountPage);
     accountLayout->addWidget(checkUpdatesButton_);
-    updateStatusLabel_ =
-        muted(QStringLiteral("Tessivane OBS Plugin v%1").arg(QLatin1String(pluginVersion)),
-              accountPage);
+    updateStatusLabel_ = muted(
+        QStringLiteral("Tessivane OBS Plugin v%1").arg(QLatin1String(pluginVersion)), accountPage);
     accountLayout->addWidget(updateStatusLabel_);
     auto *signOutButton = new QPushButton(QStringLiteral("Sign Out"), accountPage);
     accountLayout->addWidget(signOutButton);

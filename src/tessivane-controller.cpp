@@ -49,7 +49,8 @@ bool TessivaneController::initialize()
     initialized_ = true;
 
     for (const DockSpec &spec : dockSpecs) {
-        // Each panel is built right before its registration, so a refusal leaves later ones unbuilt.
+        // Each panel is built right before its registration, so a refusal leaves later ones
+        // unbuilt.
         if (!registerDock(spec.id, spec.title, (this->*spec.build)())) {
             shutdown();
             return false;
