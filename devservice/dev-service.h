@@ -16,8 +16,7 @@ class QTcpServer;
 
 // A stand-in for the Tessivane service on the loopback interface: the same HTTPS JSON
 // interface, one seeded demo account, sessions kept in memory for the life of the process.
-class DevService : public QObject
-{
+class DevService : public QObject {
     Q_OBJECT
 
 public:
@@ -30,8 +29,7 @@ public:
     QString origin() const;
 
 private:
-    struct Account
-    {
+    struct Account {
         QString id;
         QString email;
         QString password;

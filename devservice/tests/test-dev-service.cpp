@@ -18,8 +18,7 @@ namespace {
 
 const QString certDir = QStringLiteral(TESSIVANE_DEV_CERT_DIR);
 
-struct Exchange
-{
+struct Exchange {
     QNetworkReply::NetworkError error = QNetworkReply::NoError;
     int status = 0;
     QByteArray contentType;
@@ -29,8 +28,7 @@ struct Exchange
 
 } // namespace
 
-class TestDevService : public QObject
-{
+class TestDevService : public QObject {
     Q_OBJECT
 
 private:
@@ -230,8 +228,7 @@ void TestDevService::unknownPathsAndWrongMethodsGetJsonErrors()
         QVERIFY(missing.json.value(QStringLiteral("error")).toString().contains(path));
     }
 
-    const struct
-    {
+    const struct {
         QByteArray verb;
         QString path;
         QString allowed;
