@@ -29,9 +29,7 @@ QString planText(const QJsonValue &plan)
 QWidget *TessivaneController::buildAccountDock()
 {
     QWidget *root = makeRoot();
-    auto *layout = new QVBoxLayout(root);
-    layout->setContentsMargins(12, 12, 12, 12);
-    layout->setSpacing(10);
+    QVBoxLayout *layout = rootLayout(root, 12, 10);
 
     auto *brand = new QLabel(QStringLiteral("TESSIVANE"), root);
     brand->setObjectName(QStringLiteral("TessivaneBrand"));

@@ -10,9 +10,7 @@
 QWidget *TessivaneController::buildChannelsDock()
 {
     QWidget *root = makeRoot();
-    auto *layout = new QVBoxLayout(root);
-    layout->setContentsMargins(10, 10, 10, 10);
-    layout->setSpacing(8);
+    QVBoxLayout *layout = rootLayout(root, 10, 8);
     auto *header = new QHBoxLayout;
     header->addWidget(heading(QStringLiteral("Your Channels"), root));
     header->addStretch(1);

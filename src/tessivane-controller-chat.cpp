@@ -8,8 +8,6 @@
 QWidget *TessivaneController::buildChatDock()
 {
     QWidget *root = makeRoot();
-    auto *layout = new QVBoxLayout(root);
-    layout->setContentsMargins(10, 10, 10, 10);
-    layout->setSpacing(8);
+    rootLayout(root, 10, 8);
     return root;
 }

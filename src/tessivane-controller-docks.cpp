@@ -9,6 +9,7 @@
 #include <QFrame>
 #include <QLabel>
 #include <QList>
+#include <QVBoxLayout>
 
 const char tessivaneStyleSheet[] = R"(
 QWidget#TessivaneRoot {
@@ -114,6 +115,14 @@ QWidget *makeRoot()
     root->setObjectName(QStringLiteral("TessivaneRoot"));
     root->setStyleSheet(QString::fromUtf8(tessivaneStyleSheet));
     return root;
+}
+
+QVBoxLayout *rootLayout(QWidget *root, int margin, int spacing)
+{
+    auto *layout = new QVBoxLayout(root);
+    layout->setContentsMargins(margin, margin, margin, margin);
+    layout->setSpacing(spacing);
+    return layout;
 }
 
 QLabel *heading(const QString &text, QWidget *parent)

@@ -9,9 +9,7 @@
 QWidget *TessivaneController::buildHealthDock()
 {
     QWidget *root = makeRoot();
-    auto *layout = new QVBoxLayout(root);
-    layout->setContentsMargins(12, 12, 12, 12);
-    layout->setSpacing(8);
+    QVBoxLayout *layout = rootLayout(root, 12, 8);
     layout->addWidget(heading(QStringLiteral("Stream Health"), root));
     layout->addStretch(1);
     return root;

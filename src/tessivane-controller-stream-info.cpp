@@ -9,9 +9,7 @@
 QWidget *TessivaneController::buildStreamInfoDock()
 {
     QWidget *root = makeRoot();
-    auto *layout = new QVBoxLayout(root);
-    layout->setContentsMargins(12, 12, 12, 12);
-    layout->setSpacing(8);
+    QVBoxLayout *layout = rootLayout(root, 12, 8);
     layout->addWidget(heading(QStringLiteral("Stream Information"), root));
     layout->addWidget(muted(QStringLiteral("Updates apply to selected channels. Twitch and Kick "
                                            "categories open as searchable dropdowns."),

@@ -6,11 +6,14 @@
 
 class QLabel;
 class QString;
+class QVBoxLayout;
 class QWidget;
 
 extern const char tessivaneStyleSheet[];
 
 // Gives a parentless root the name and the sheet that all five panels share.
 QWidget *makeRoot();
+// The root's column, with the margins on all four sides and the spacing each panel asks for.
+QVBoxLayout *rootLayout(QWidget *root, int margin, int spacing);
 QLabel *heading(const QString &text, QWidget *parent);
 QLabel *muted(const QString &text, QWidget *parent);
