@@ -68,6 +68,7 @@ bool TessivaneController::initialize()
     pollTimer_ = new QTimer(this);
     pollTimer_->setInterval(pollIntervalMs);
     connect(pollTimer_, &QTimer::timeout, this, [this]() {
+        // Only a session is polled; channels, statistics and chat join here with their docks.
         if (api_.sessionToken().isEmpty())
             return;
     });
