@@ -18,36 +18,33 @@ uint32_t obs_module_ver(void);
 extern lookup_t *obs_module_lookup;
 }
 
+using namespace hostDouble;
+
 namespace {
 
 const QStringList dockOrder = {
-    QStringLiteral("tessivane.account"),
-    QStringLiteral("tessivane.channels"),
-    QStringLiteral("tessivane.stream-information"),
-    QStringLiteral("tessivane.stream-health"),
-    QStringLiteral("tessivane.chat"),
-};
-
+    QStringLiteral("tessivane.account"), QStringLiteral("tessivane.channels"),
+    QStringLiteral("tessivane.stream-information"), QStringLiteral("tessivane.stream-health"),
+    QStringLiteral("tessivane.chat")};
 const QString loadedLine =
     QStringLiteral("[Tessivane] Native plugin loaded; waiting for the frontend");
 const QString unloadedLine = QStringLiteral("[Tessivane] Native plugin unloaded");
-const QString failedLine = QStringLiteral("[Tessivane] Native dock initialization failed");
 
 // Long enough for the deferred start to have fired had it been scheduled.
 constexpr int pastDeferredStartMs = 750;
 
-QStringList callsStartingWith(const QString &prefix)
+QStringList logTexts()
 {
-    return hostDouble::calls().filter(QRegularExpression(QLatin1Char('^') + prefix));
+    QStringList texts;
+    for (const LogLine &line : std::as_const(state().logLines))
+        texts.append(line.text);
+    return texts;
 }
 
-bool logged(int level, const QString &text)
+void loadAndFinishLoading()
 {
-    for (const hostDouble::LogLine &line : hostDouble::logLines()) {
-        if (line.level == level && line.text == text)
-            return true;
-    }
-    return false;
+    obs_module_load();
+    sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
 }
 
 } // namespace
@@ -61,119 +58,80 @@ private Q_SLOTS:
     void cleanup()
     {
         obs_module_unload();
-        hostDouble::reset();
+        reset();
     }
 
-    void loadRegistersTheCallbackAndWaitsForTheFrontend()
+    void loadWaitsForTheFrontendThenStartsOnce()
     {
         QVERIFY(obs_module_load());
-        QCOMPARE(hostDouble::calls(),
-                 QStringList({QStringLiteral("add_event_callback"), QStringLiteral("blog info")}));
-        QCOMPARE(hostDouble::logLines().size(), 1);
-        QVERIFY(logged(LOG_INFO, loadedLine));
-        QCOMPARE(hostDouble::eventCallbackCount(), 1);
-
-        // Nothing starts before the frontend says it has finished loading.
+        QCOMPARE(calls(), QStringList({"add_event_callback", "blog info"}));
+        QCOMPARE(logTexts(), QStringList({loadedLine}));
         QTest::qWait(pastDeferredStartMs);
-        QVERIFY(hostDouble::dockIds().isEmpty());
-    }
+        QVERIFY(dockIds().isEmpty());
 
-    void finishedLoadingStartsTheControllerOnceAfterADelay()
-    {
-        obs_module_load();
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
-        // A repeat and a streaming event in the gap: neither schedules nor reaches anything.
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_STREAMING_STARTED);
-        QVERIFY(hostDouble::dockIds().isEmpty());
+        // A repeat and a streaming event in the gap neither schedule nor reach anything.
+        sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
+        sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
+        sendEvent(OBS_FRONTEND_EVENT_STREAMING_STARTED);
+        QVERIFY(dockIds().isEmpty());
+        QTRY_COMPARE_WITH_TIMEOUT(dockIds(), dockOrder, 10000);
 
-        QTRY_COMPARE_WITH_TIMEOUT(hostDouble::dockIds(), dockOrder, 10000);
-        QCOMPARE(hostDouble::dock(QStringLiteral("tessivane.chat"))->windowTitle(),
-                 QStringLiteral("Tessivane Chat"));
-
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
+        sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
         QTest::qWait(pastDeferredStartMs);
-        QCOMPARE(callsStartingWith(QStringLiteral("add_dock ")).size(), dockOrder.size());
-        QCOMPARE(hostDouble::dockIds(), dockOrder);
-        QCOMPARE(hostDouble::logLines().size(), 1);
+        QCOMPARE(calls().filter("add_dock ").size(), dockOrder.size());
+        QCOMPARE(logTexts().size(), 1);
     }
 
     void unloadInsideTheDelayCreatesNothing()
     {
-        obs_module_load();
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
+        loadAndFinishLoading();
         obs_module_unload();
-        QCOMPARE(hostDouble::eventCallbackCount(), 0);
-
+        QCOMPARE(eventCallbackCount(), 0);
         QTest::qWait(pastDeferredStartMs);
-        QVERIFY(callsStartingWith(QStringLiteral("add_dock ")).isEmpty());
-        QVERIFY(hostDouble::dockIds().isEmpty());
-        QVERIFY(logged(LOG_INFO, unloadedLine));
+        QVERIFY(calls().filter("add_dock ").isEmpty());
+        QCOMPARE(logTexts().constLast(), unloadedLine);
     }
 
     void refusedDockFailsTheStartForGood()
     {
-        hostDouble::refuseDock(QStringLiteral("tessivane.stream-information"));
-        obs_module_load();
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
-        QTRY_VERIFY_WITH_TIMEOUT(logged(LOG_ERROR, failedLine), 10000);
-
-        // The docks registered before the refusal are taken back, the later ones never built.
-        QVERIFY(hostDouble::dockIds().isEmpty());
-        QCOMPARE(callsStartingWith(QStringLiteral("add_dock ")),
-                 QStringList({QStringLiteral("add_dock tessivane.account"),
-                              QStringLiteral("add_dock tessivane.channels"),
-                              QStringLiteral("add_dock tessivane.stream-information")}));
-        QStringList removed = callsStartingWith(QStringLiteral("remove_dock "));
-        removed.sort();
-        QCOMPARE(removed, QStringList({QStringLiteral("remove_dock tessivane.account"),
-                                       QStringLiteral("remove_dock tessivane.channels")}));
-        QCOMPARE(hostDouble::calls().constLast(), QStringLiteral("blog error"));
+        refuseDock(QStringLiteral("tessivane.stream-information"));
+        loadAndFinishLoading();
+        QTRY_COMPARE_WITH_TIMEOUT(calls().constLast(), QStringLiteral("blog error"), 10000);
+        QCOMPARE(logTexts().constLast(),
+                 QStringLiteral("[Tessivane] Native dock initialization failed"));
+        QVERIFY(dockIds().isEmpty());
 
         // No retry, neither by itself nor on a repeated event.
-        hostDouble::clearCalls();
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
+        clearCalls();
+        sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
         QTest::qWait(pastDeferredStartMs);
-        QVERIFY(hostDouble::calls().isEmpty());
+        QVERIFY(calls().isEmpty());
 
         // With no controller, unloading only drops the callback and says so.
         obs_module_unload();
-        QCOMPARE(hostDouble::calls(), QStringList({QStringLiteral("remove_event_callback"),
-                                                   QStringLiteral("blog info")}));
+        QCOMPARE(calls(), QStringList({"remove_event_callback", "blog info"}));
     }
 
     void unloadTakesEverythingBackAndALaterLoadStartsAfresh()
     {
-        obs_module_load();
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
-        QTRY_COMPARE_WITH_TIMEOUT(hostDouble::dockIds(), dockOrder, 10000);
-        const QPointer<QWidget> panel =
-            hostDouble::dock(QStringLiteral("tessivane.account"))->widget();
-        QVERIFY(panel);
+        loadAndFinishLoading();
+        QTRY_COMPARE_WITH_TIMEOUT(dockIds(), dockOrder, 10000);
+        const QPointer<QWidget> panel = dock(QStringLiteral("tessivane.account"))->widget();
 
-        hostDouble::clearCalls();
+        clearCalls();
         obs_module_unload();
-        const QStringList calls = hostDouble::calls();
-        QCOMPARE(calls.size(), 2 + dockOrder.size());
-        QCOMPARE(calls.constFirst(), QStringLiteral("remove_event_callback"));
-        QStringList removed = calls.mid(1, dockOrder.size());
-        removed.sort();
-        QStringList expected;
-        for (const QString &id : dockOrder)
-            expected.append(QStringLiteral("remove_dock ") + id);
-        expected.sort();
-        QCOMPARE(removed, expected);
-        QCOMPARE(calls.constLast(), QStringLiteral("blog info"));
-        QCOMPARE(hostDouble::logLines().constLast().text, unloadedLine);
-        QCOMPARE(hostDouble::logLines().constLast().level, int(LOG_INFO));
-        QVERIFY(hostDouble::dockIds().isEmpty());
+        // The callback goes first, so no event reaches a controller being torn down.
+        QCOMPARE(calls().size(), 2 + dockOrder.size());
+        QCOMPARE(calls().constFirst(), QStringLiteral("remove_event_callback"));
+        QCOMPARE(calls().filter("remove_dock ").size(), dockOrder.size());
+        QCOMPARE(calls().constLast(), QStringLiteral("blog info"));
+        QCOMPARE(logTexts().constLast(), unloadedLine);
+        QVERIFY(dockIds().isEmpty());
         QVERIFY(!panel);
-        QCOMPARE(hostDouble::eventCallbackCount(), 0);
+        QCOMPARE(eventCallbackCount(), 0);
 
-        // Unloading forgets the earlier start, so a new load starts once more.
-        obs_module_load();
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
-        QTRY_COMPARE_WITH_TIMEOUT(hostDouble::dockIds(), dockOrder, 10000);
+        loadAndFinishLoading();
+        QTRY_COMPARE_WITH_TIMEOUT(dockIds(), dockOrder, 10000);
     }
 
     void localeLookupIsReplacedAndFreed()
@@ -181,9 +139,8 @@ private Q_SLOTS:
         int handle = 0;
         obs_module_set_pointer(reinterpret_cast<obs_module_t *>(&handle));
         QCOMPARE(obs_module_ver(), uint32_t(LIBOBS_API_VER));
-        QCOMPARE(QString::fromUtf8(obs_module_description()),
-                 QStringLiteral("Tessivane native account, channels, stream information, "
-                                "health, and chat docks"));
+        QCOMPARE(obs_module_description(), "Tessivane native account, channels, stream "
+                                           "information, health, and chat docks");
 
         obs_module_set_locale("de-DE");
         QVERIFY(obs_module_lookup);
@@ -192,14 +149,10 @@ private Q_SLOTS:
         QVERIFY(!obs_module_get_string("Title", &text));
         obs_module_free_locale();
         QVERIFY(!obs_module_lookup);
-        QCOMPARE(hostDouble::calls(), QStringList({
-                                          QStringLiteral("load_locale en-US de-DE"),
-                                          QStringLiteral("lookup_destroy 1"),
-                                          QStringLiteral("load_locale en-US fr-FR"),
-                                          QStringLiteral("lookup_getstr 2 Title"),
-                                          QStringLiteral("lookup_destroy 2"),
-                                      }));
-        QCOMPARE(hostDouble::liveLookups(), 0);
+        QCOMPARE(calls(), QStringList({"load_locale en-US de-DE", "lookup_destroy 1",
+                                       "load_locale en-US fr-FR", "lookup_getstr 2 Title",
+                                       "lookup_destroy 2"}));
+        QCOMPARE(state().liveLookups, 0);
     }
 };
 

@@ -4,7 +4,6 @@
 #include <QDockWidget>
 #include <QMainWindow>
 #include <QPointer>
-#include <QSet>
 
 #include <obs-frontend-api.h>
 #include <obs-module.h>
@@ -13,23 +12,16 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <memory>
-#include <vector>
+#include <list>
 
 struct obs_data {
     QMap<QString, QString> strings;
     QMap<QString, bool> bools;
 };
 
-struct obs_service {
-    hostDouble::ServiceRecord record;
-};
+struct obs_service : hostDouble::ServiceRecord {};
 
-struct obs_output {
-    quint64 totalBytes = 0;
-    int framesDropped = 0;
-    int totalFrames = 0;
-};
+struct obs_output {};
 
 struct text_lookup {
     int id;
@@ -38,28 +30,15 @@ struct text_lookup {
 namespace {
 
 struct Host {
-    QStringList calls;
-    QList<hostDouble::LogLine> logLines;
-    QPointer<QMainWindow> mainWindow;
+    hostDouble::State state;
+    QPointer<QMainWindow> window;
+    // In the order they were added; a dock deleted behind the host's back drops out.
     QList<QPointer<QDockWidget>> docks;
-    QSet<QString> refusedDocks;
     QList<QPair<obs_frontend_event_cb, void *>> callbacks;
-    bool streamingActive = false;
-    bool deliverStreamingEvents = false;
-    bool outputPresent = false;
     obs_output output;
-    int outputsAcquired = 0;
-    int outputsReleased = 0;
-    int dataCreated = 0;
-    int dataReleased = 0;
-    bool serviceCreationFails = false;
-    // Services stay allocated until reset: the frontend keeps using the one it was given.
-    std::vector<std::unique_ptr<obs_service>> services;
-    int servicesReleased = 0;
-    obs_service *streamingService = nullptr;
-    int streamingServiceSaves = 0;
+    // Kept until reset: the frontend goes on using the service it was given.
+    std::list<obs_service> services;
     int lookupsLoaded = 0;
-    int lookupsDestroyed = 0;
 };
 
 Host &host()
@@ -70,69 +49,49 @@ Host &host()
 
 void record(const QString &call)
 {
-    host().calls.append(call);
+    host().state.calls.append(call);
 }
 
-QPointer<QDockWidget> *findDock(const QString &id)
+QString text(const char *s)
 {
-    for (QPointer<QDockWidget> &dock : host().docks) {
-        if (dock && dock->objectName() == id)
-            return &dock;
-    }
-    return nullptr;
+    return QString::fromUtf8(s);
 }
 
-QString levelName(int level)
+// Starting and stopping as OBS reports them, when the test asks for the events.
+void switchStreaming(const char *call, bool active, obs_frontend_event first,
+                     obs_frontend_event then)
 {
-    switch (level) {
-    case LOG_ERROR:
-        return QStringLiteral("error");
-    case LOG_WARNING:
-        return QStringLiteral("warning");
-    case LOG_INFO:
-        return QStringLiteral("info");
-    case LOG_DEBUG:
-        return QStringLiteral("debug");
+    record(text(call));
+    hostDouble::State &state = host().state;
+    if (state.streamingActive == active)
+        return;
+    state.streamingActive = active;
+    if (state.deliverStreamingEvents) {
+        hostDouble::sendEvent(first);
+        hostDouble::sendEvent(then);
     }
-    return QString::number(level);
 }
 
 } // namespace
 
 namespace hostDouble {
 
+State &state()
+{
+    return host().state;
+}
+
 void reset()
 {
-    Host &h = host();
-    delete h.mainWindow.data();
-    h = Host();
-}
-
-QStringList calls()
-{
-    return host().calls;
-}
-
-void clearCalls()
-{
-    host().calls.clear();
-}
-
-QList<LogLine> logLines()
-{
-    return host().logLines;
+    delete host().window.data();
+    host() = Host();
 }
 
 QMainWindow *mainWindow()
 {
-    if (!host().mainWindow)
-        host().mainWindow = new QMainWindow;
-    return host().mainWindow;
-}
-
-void refuseDock(const QString &id)
-{
-    host().refusedDocks.insert(id);
+    if (!host().window)
+        host().window = new QMainWindow;
+    return host().window;
 }
 
 QStringList dockIds()
@@ -147,8 +106,11 @@ QStringList dockIds()
 
 QDockWidget *dock(const QString &id)
 {
-    QPointer<QDockWidget> *found = findDock(id);
-    return found ? found->data() : nullptr;
+    for (const QPointer<QDockWidget> &dock : std::as_const(host().docks)) {
+        if (dock && dock->objectName() == id)
+            return dock;
+    }
+    return nullptr;
 }
 
 int eventCallbackCount()
@@ -164,126 +126,47 @@ void sendEvent(int event)
         callback.first(obs_frontend_event(event), callback.second);
 }
 
-void setStreamingActive(bool active)
-{
-    host().streamingActive = active;
-}
-
-void setDeliverStreamingEvents(bool deliver)
-{
-    host().deliverStreamingEvents = deliver;
-}
-
-void setStreamingOutput(bool present)
-{
-    host().outputPresent = present;
-}
-
-void setOutputCounters(quint64 totalBytes, int framesDropped, int totalFrames)
-{
-    host().output.totalBytes = totalBytes;
-    host().output.framesDropped = framesDropped;
-    host().output.totalFrames = totalFrames;
-}
-
-int outputsAcquired()
-{
-    return host().outputsAcquired;
-}
-
-int outputsReleased()
-{
-    return host().outputsReleased;
-}
-
-int dataCreated()
-{
-    return host().dataCreated;
-}
-
-int dataReleased()
-{
-    return host().dataReleased;
-}
-
-void setServiceCreationFails(bool fails)
-{
-    host().serviceCreationFails = fails;
-}
-
-int servicesCreated()
-{
-    return int(host().services.size());
-}
-
-int servicesReleased()
-{
-    return host().servicesReleased;
-}
-
-ServiceRecord lastCreatedService()
-{
-    return host().services.empty() ? ServiceRecord() : host().services.back()->record;
-}
-
-ServiceRecord streamingService()
-{
-    return host().streamingService ? host().streamingService->record : ServiceRecord();
-}
-
-int streamingServiceSaves()
-{
-    return host().streamingServiceSaves;
-}
-
-int liveLookups()
-{
-    return host().lookupsLoaded - host().lookupsDestroyed;
-}
-
 } // namespace hostDouble
 
 extern "C" {
 
 void blog(int log_level, const char *format, ...)
 {
+    // OBS formats into a fixed buffer as well.
+    char buffer[8192];
     va_list args;
     va_start(args, format);
-    va_list sizing;
-    va_copy(sizing, args);
-    const int length = std::vsnprintf(nullptr, 0, format, sizing);
-    va_end(sizing);
-    QByteArray text(qMax(length, 0), '\0');
-    std::vsnprintf(text.data(), size_t(text.size()) + 1, format, args);
+    std::vsnprintf(buffer, sizeof(buffer), format, args);
     va_end(args);
-    record(QStringLiteral("blog ") + levelName(log_level));
-    host().logLines.append({log_level, QString::fromUtf8(text)});
+    const char *level = log_level == LOG_ERROR     ? "error"
+                        : log_level == LOG_WARNING ? "warning"
+                        : log_level == LOG_INFO    ? "info"
+                                                   : "debug";
+    record(QStringLiteral("blog ") + text(level));
+    host().state.logLines.append({log_level, text(buffer)});
 }
 
 lookup_t *obs_module_load_locale(obs_module_t *, const char *default_locale, const char *locale)
 {
-    Host &h = host();
-    record(QStringLiteral("load_locale %1 %2")
-               .arg(QString::fromUtf8(default_locale), QString::fromUtf8(locale)));
-    return new text_lookup{++h.lookupsLoaded};
+    record(QStringLiteral("load_locale %1 %2").arg(text(default_locale), text(locale)));
+    host().state.liveLookups++;
+    return new text_lookup{++host().lookupsLoaded};
 }
 
 void text_lookup_destroy(lookup_t *lookup)
 {
-    if (!lookup) {
-        record(QStringLiteral("lookup_destroy null"));
-        return;
-    }
-    record(QStringLiteral("lookup_destroy %1").arg(lookup->id));
-    host().lookupsDestroyed++;
+    record(QStringLiteral("lookup_destroy ") +
+           (lookup ? QString::number(lookup->id) : QStringLiteral("null")));
+    if (lookup)
+        host().state.liveLookups--;
     delete lookup;
 }
 
 bool text_lookup_getstr(lookup_t *lookup, const char *lookup_val, const char **)
 {
-    record(QStringLiteral("lookup_getstr %1 %2")
-               .arg(lookup ? QString::number(lookup->id) : QStringLiteral("null"),
-                    QString::fromUtf8(lookup_val)));
+    record(
+        QStringLiteral("lookup_getstr %1 %2")
+            .arg(lookup ? QString::number(lookup->id) : QStringLiteral("null"), text(lookup_val)));
     return false;
 }
 
@@ -301,14 +184,13 @@ void obs_frontend_remove_event_callback(obs_frontend_event_cb callback, void *pr
 
 bool obs_frontend_add_dock_by_id(const char *id, const char *title, void *widget)
 {
-    const QString name = QString::fromUtf8(id);
-    record(QStringLiteral("add_dock ") + name);
-    if (host().refusedDocks.contains(name) || findDock(name))
+    record(QStringLiteral("add_dock ") + text(id));
+    if (host().state.refusedDocks.contains(text(id)) || hostDouble::dock(text(id)))
         return false;
-    // As OBS does: the host's own QDockWidget around the widget, added hidden and floating.
+    // As OBS does: its own QDockWidget around the widget, added hidden and floating.
     auto *dock = new QDockWidget(hostDouble::mainWindow());
-    dock->setObjectName(name);
-    dock->setWindowTitle(QString::fromUtf8(title));
+    dock->setObjectName(text(id));
+    dock->setWindowTitle(text(title));
     dock->setWidget(static_cast<QWidget *>(widget));
     hostDouble::mainWindow()->addDockWidget(Qt::RightDockWidgetArea, dock);
     dock->setVisible(false);
@@ -319,13 +201,8 @@ bool obs_frontend_add_dock_by_id(const char *id, const char *title, void *widget
 
 void obs_frontend_remove_dock(const char *id)
 {
-    const QString name = QString::fromUtf8(id);
-    record(QStringLiteral("remove_dock ") + name);
-    if (QPointer<QDockWidget> *found = findDock(name)) {
-        const QPointer<QDockWidget> dock = *found;
-        host().docks.removeOne(dock);
-        delete dock.data();
-    }
+    record(QStringLiteral("remove_dock ") + text(id));
+    delete hostDouble::dock(text(id));
 }
 
 void *obs_frontend_get_main_window(void)
@@ -336,134 +213,116 @@ void *obs_frontend_get_main_window(void)
 
 void obs_frontend_streaming_start(void)
 {
-    record(QStringLiteral("streaming_start"));
-    if (host().streamingActive)
-        return;
-    host().streamingActive = true;
-    if (host().deliverStreamingEvents) {
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_STREAMING_STARTING);
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_STREAMING_STARTED);
-    }
+    switchStreaming("streaming_start", true, OBS_FRONTEND_EVENT_STREAMING_STARTING,
+                    OBS_FRONTEND_EVENT_STREAMING_STARTED);
 }
 
 void obs_frontend_streaming_stop(void)
 {
-    record(QStringLiteral("streaming_stop"));
-    if (!host().streamingActive)
-        return;
-    host().streamingActive = false;
-    if (host().deliverStreamingEvents) {
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_STREAMING_STOPPING);
-        hostDouble::sendEvent(OBS_FRONTEND_EVENT_STREAMING_STOPPED);
-    }
+    switchStreaming("streaming_stop", false, OBS_FRONTEND_EVENT_STREAMING_STOPPING,
+                    OBS_FRONTEND_EVENT_STREAMING_STOPPED);
 }
 
 bool obs_frontend_streaming_active(void)
 {
     record(QStringLiteral("streaming_active"));
-    return host().streamingActive;
+    return host().state.streamingActive;
 }
 
 obs_output_t *obs_frontend_get_streaming_output(void)
 {
     record(QStringLiteral("get_streaming_output"));
-    if (!host().outputPresent)
+    if (!host().state.outputPresent)
         return nullptr;
-    host().outputsAcquired++;
+    host().state.outputsAcquired++;
     return &host().output;
 }
 
+// Like OBS, the output getters and release take null.
 uint64_t obs_output_get_total_bytes(const obs_output_t *output)
 {
     record(QStringLiteral("output_total_bytes"));
-    return output ? output->totalBytes : 0;
+    return output ? host().state.totalBytes : 0;
 }
 
 int obs_output_get_frames_dropped(const obs_output_t *output)
 {
     record(QStringLiteral("output_frames_dropped"));
-    return output ? output->framesDropped : 0;
+    return output ? host().state.framesDropped : 0;
 }
 
 int obs_output_get_total_frames(const obs_output_t *output)
 {
     record(QStringLiteral("output_total_frames"));
-    return output ? output->totalFrames : 0;
+    return output ? host().state.totalFrames : 0;
 }
 
 void obs_output_release(obs_output_t *output)
 {
     record(QStringLiteral("output_release"));
     if (output)
-        host().outputsReleased++;
+        host().state.outputsReleased++;
 }
 
 obs_data_t *obs_data_create()
 {
     record(QStringLiteral("data_create"));
-    host().dataCreated++;
+    host().state.dataCreated++;
     return new obs_data;
 }
 
 void obs_data_set_string(obs_data_t *data, const char *name, const char *val)
 {
-    const QString key = QString::fromUtf8(name);
-    record(QStringLiteral("data_set_string ") + key);
-    data->strings.insert(key, QString::fromUtf8(val));
+    record(QStringLiteral("data_set_string ") + text(name));
+    data->strings.insert(text(name), text(val));
 }
 
 void obs_data_set_bool(obs_data_t *data, const char *name, bool val)
 {
-    const QString key = QString::fromUtf8(name);
-    record(QStringLiteral("data_set_bool %1 %2")
-               .arg(key, val ? QStringLiteral("true") : QStringLiteral("false")));
-    data->bools.insert(key, val);
+    record(QStringLiteral("data_set_bool %1 %2").arg(text(name), val ? "true" : "false"));
+    data->bools.insert(text(name), val);
 }
 
 void obs_data_release(obs_data_t *data)
 {
     record(QStringLiteral("data_release"));
-    if (!data)
-        return;
-    host().dataReleased++;
+    if (data)
+        host().state.dataReleased++;
     delete data;
 }
 
 obs_service_t *obs_service_create(const char *id, const char *name, obs_data_t *settings,
                                   obs_data_t *)
 {
-    record(
-        QStringLiteral("service_create %1 %2").arg(QString::fromUtf8(id), QString::fromUtf8(name)));
-    if (host().serviceCreationFails)
+    record(QStringLiteral("service_create %1 %2").arg(text(id), text(name)));
+    if (host().state.serviceCreationFails)
         return nullptr;
-    auto service = std::make_unique<obs_service>();
-    service->record.type = QString::fromUtf8(id);
-    service->record.name = QString::fromUtf8(name);
+    hostDouble::ServiceRecord service{text(id), text(name), {}, {}};
     if (settings) {
-        service->record.strings = settings->strings;
-        service->record.bools = settings->bools;
+        service.strings = settings->strings;
+        service.bools = settings->bools;
     }
-    host().services.push_back(std::move(service));
-    return host().services.back().get();
+    host().state.createdServices.append(service);
+    return &host().services.emplace_back(obs_service{service});
 }
 
 void obs_service_release(obs_service_t *service)
 {
     record(QStringLiteral("service_release"));
     if (service)
-        host().servicesReleased++;
+        host().state.servicesReleased++;
 }
 
 void obs_frontend_set_streaming_service(obs_service_t *service)
 {
     record(QStringLiteral("set_streaming_service"));
-    host().streamingService = service;
+    host().state.streamingService = service ? *service : hostDouble::ServiceRecord();
 }
 
 void obs_frontend_save_streaming_service(void)
 {
     record(QStringLiteral("save_streaming_service"));
-    host().streamingServiceSaves++;
+    host().state.streamingServiceSaves++;
 }
 
 } // extern "C"

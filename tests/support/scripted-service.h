@@ -25,12 +25,18 @@ public:
         QList<QPair<QByteArray, QByteArray>> headers;
         QByteArray body;
 
-        bool hasHeader(const QByteArray &name) const;
+        bool hasHeader(const QByteArray &name) const { return find(name) != nullptr; }
         // The first header of that name, compared without regard to case.
-        QByteArray header(const QByteArray &name) const;
+        QByteArray header(const QByteArray &name) const
+        {
+            const QByteArray *value = find(name);
+            return value ? *value : QByteArray();
+        }
+        const QByteArray *find(const QByteArray &name) const;
     };
 
     struct Reply {
+        // Hold keeps the connection open and never answers; Drop closes it without a response.
         enum class Action { Answer, Hold, Drop };
 
         int status = 200;
@@ -39,28 +45,24 @@ public:
         int delayMs = 0;
         Action action = Action::Answer;
 
-        static Reply json(int status, const QByteArray &body);
-        // Keeps the connection open and never answers.
-        static Reply hold();
-        // Closes the connection without a response.
-        static Reply drop();
+        static Reply json(int status, const QByteArray &body) { return {status, body}; }
+        static Reply hold() { return {200, {}, {}, 0, Action::Hold}; }
+        static Reply drop() { return {200, {}, {}, 0, Action::Drop}; }
     };
 
     explicit ScriptedService(Transport transport = Transport::Tls, QObject *parent = nullptr);
-    ~ScriptedService() override;
 
     // Port 0 picks a free one.
     bool listen(quint16 port = 0);
-    quint16 port() const;
     // Scheme and authority, e.g. "https://127.0.0.1:40123".
     QUrl baseUrl() const;
 
     // A reply for every request whose target equals `target`; comes before the queue.
-    void setReply(const QByteArray &target, const Reply &reply);
+    void setReply(const QByteArray &target, const Reply &reply) { pathReplies_[target] = reply; }
     // Replies consumed one per request, in arrival order.
-    void enqueue(const Reply &reply);
+    void enqueue(const Reply &reply) { queue_.append(reply); }
     // Used when nothing else is scripted: 200 "{}" unless set.
-    void setDefaultReply(const Reply &reply);
+    void setDefaultReply(const Reply &reply) { defaultReply_ = reply; }
 
     QList<Request> requests() const { return requests_; }
     QList<QByteArray> targets() const;
@@ -69,9 +71,6 @@ public:
     // Adds the test CA to the process's default TLS configuration; done once per process.
     static void trustTestCa();
 
-Q_SIGNALS:
-    void requestReceived();
-
 private:
     struct Connection {
         QByteArray buffer;
@@ -79,10 +78,8 @@ private:
         bool busy = false;
     };
 
-    void acceptConnections();
     void readRequests(QTcpSocket *socket);
     void answerNext(QTcpSocket *socket);
-    Reply replyFor(const Request &request);
 
     Transport transport_;
     QTcpServer *server_;
