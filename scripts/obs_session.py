@@ -1,0 +1,94 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-2.0-or-later
+"""OBS Studio and what the plug-in talks to on this machine, started together and ended together:
+the development service, and OBS trusting the development CA. scripts/run uses it with the
+streamer's own home; the real-host test with a home of its own.
+
+    obs_session.py --dev-service BINARY --port N --logs DIR [-- OBS ARGUMENTS]"""
+
+import argparse
+import contextlib
+import ctypes
+import os
+import select
+import signal
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+SOURCE = Path(__file__).resolve().parents[1]
+
+
+class Session:
+    def __init__(self, logs, port):
+        self.logs, self.port, self.procs = Path(logs), port, []
+        self.logs.mkdir(parents=True, exist_ok=True)
+
+    def start(self, name, argv, env=None, stdout=None, log=True):
+        """Starts a child in a process group of its own, which dies with this process. Its
+        output goes to LOGS/NAME.log, unless log is false."""
+        with open(self.logs / f"{name}.log", "ab") as file:
+            out = file if log else None
+            proc = subprocess.Popen([str(arg) for arg in argv], env=env, stdin=subprocess.DEVNULL,
+                                    stdout=stdout or out, stderr=out, start_new_session=True,
+                                    preexec_fn=lambda: ctypes.CDLL(None).prctl(1, 9))
+        self.procs.append(proc)
+        return proc
+
+    def stop(self, proc):
+        # The group can outlive its leader, so it is killed even when the leader has ended.
+        self.procs.remove(proc)
+        for signum in (signal.SIGTERM, signal.SIGKILL):
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(proc.pid, signum)
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                proc.wait(3)
+
+    def close(self):
+        while self.procs:
+            self.stop(self.procs[-1])
+
+    def start_service(self, binary):
+        """Starts the development service on the session's port; returns the line it announces
+        itself with once it listens, or an empty one."""
+        proc = self.start("dev-service", [binary, "--port", self.port], stdout=subprocess.PIPE)
+        ready = select.select([proc.stdout], [], [], 20)[0]
+        return proc.stdout.readline().decode().strip() if ready else ""
+
+    def start_obs(self, *args, env=None, log=True):
+        # with-dev-ca execs OBS, which keeps the pid.
+        return self.start("obs", [SOURCE / "devservice/with-dev-ca", "obs", *args], env, log=log)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--dev-service", required=True, help="the tessivane-dev-service binary")
+    parser.add_argument("--port", type=int, required=True, help="port of the service origin")
+    parser.add_argument("--logs", required=True, help="folder for the services' logs")
+    parser.add_argument("obs_args", nargs="*", help="passed on to OBS")
+    args = parser.parse_args()
+    sys.stdout.reconfigure(line_buffering=True)
+    session = Session(args.logs, args.port)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    try:
+        line = session.start_service(args.dev_service)
+        if not line:
+            sys.exit(f"The development service did not start: see {args.logs}/dev-service.log")
+        print(line)
+        env = dict(os.environ, LIBGL_ALWAYS_SOFTWARE=os.environ.get("LIBGL_ALWAYS_SOFTWARE", "1"))
+        if not env.get("DISPLAY"):
+            # No desktop here: OBS gets a virtual screen of its own.
+            env["DISPLAY"] = ":87"
+            session.start("xvfb", ["Xvfb", ":87", "-screen", "0", "1920x1080x24", "-nolisten", "tcp"])
+            time.sleep(1)
+            print("No DISPLAY: OBS runs on the virtual screen :87 (see it with xwd -display :87 -root)")
+        print("Sign in on the Tessivane Account dock with demo@tessivane.dev / tessivane-demo")
+        return session.start_obs(*args.obs_args, env=env, log=False).wait()
+    finally:
+        session.close()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
