@@ -49,6 +49,9 @@ Q_SIGNALS:
     void requestFailed(const QString &operation, const QString &message);
 
 private:
+    // The tests reach inside through this; no code of the system does.
+    friend struct TessivaneTestAccess;
+
     using Callback = std::function<void(const QJsonObject &)>;
 
     QNetworkRequest requestFor(const QString &path) const;

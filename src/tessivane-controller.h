@@ -54,6 +54,9 @@ public:
     void checkForUpdates(bool manual);
 
 private:
+    // The tests reach inside through this; no code of the system does.
+    friend struct TessivaneTestAccess;
+
     QFrame *makePanel(QWidget *parent) const;
     QLabel *makeValueLabel(const QString &text, QWidget *parent) const;
     void connectApi();

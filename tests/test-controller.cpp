@@ -1,236 +1,140 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// The controller's start, stop and undo, dock hosting, and where failures are shown.
-#include "controller-fixture.h"
-#include "tessivane-controller.h"
+// The controller's start and stop, dock hosting, and where failures are shown.
+#include "fixture.h"
 
-#include <QDockWidget>
-#include <QFrame>
-#include <QMainWindow>
-#include <QStackedWidget>
-#include <QTemporaryDir>
+#include <QPushButton>
+#include <QSignalSpy>
 #include <QTimer>
-#include <QtTest>
-
-using namespace fixture;
 
 namespace {
-const QStringList dockIds = {
-    QStringLiteral("tessivane.account"), QStringLiteral("tessivane.channels"),
-    QStringLiteral("tessivane.stream-information"), QStringLiteral("tessivane.stream-health"),
-    QStringLiteral("tessivane.chat")};
-const QStringList dockTitles = {
-    QStringLiteral("Tessivane Account"), QStringLiteral("Tessivane Channels"),
-    QStringLiteral("Tessivane Stream Information"), QStringLiteral("Tessivane Stream Health"),
-    QStringLiteral("Tessivane Chat")};
+const QStringList docks = {"tessivane.account", "tessivane.channels",
+                           "tessivane.stream-information", "tessivane.stream-health",
+                           "tessivane.chat"};
+const QStringList titles = {"Tessivane Account", "Tessivane Channels",
+                            "Tessivane Stream Information", "Tessivane Stream Health",
+                            "Tessivane Chat"};
+
+QList<int> activeTimers(const QObject &owner)
+{
+    QList<int> intervals;
+    const QList<QTimer *> timers = owner.findChildren<QTimer *>();
+    for (const QTimer *timer : timers)
+        intervals << (timer->isActive() ? timer->interval() : -1);
+    std::sort(intervals.begin(), intervals.end());
+    return intervals;
+}
 } // namespace
 
-class TestController : public QObject {
+class TestController : public ControllerTest {
     Q_OBJECT
 
-private:
-    QTemporaryDir config_;
-    ScriptedService *service_ = nullptr;
-
 private Q_SLOTS:
-    void initTestCase()
+    void startRegistersFiveStyledDocksInOrder()
     {
-        qputenv("XDG_CONFIG_HOME", config_.path().toUtf8());
-        ScriptedService::trustTestCa();
-    }
-
-    void init()
-    {
-        hostDouble::reset();
-        store().clear();
-        service_ = new ScriptedService(ScriptedService::Transport::Tls, this);
-        QVERIFY(service_->listen(originPort()));
-    }
-
-    void cleanup()
-    {
-        delete service_;
-        service_ = nullptr;
-    }
-
-    void initializeRegistersFiveStyledDocksInOrder()
-    {
-        TessivaneController controller;
-        QVERIFY(controller.initialize());
-        QCOMPARE(hostDouble::dockIds(), dockIds);
-        QStringList expectedCalls;
-        for (const QString &id : dockIds)
-            expectedCalls << QStringLiteral("add_dock ") + id;
-        QCOMPARE(hostDouble::calls().mid(0, 5), expectedCalls);
-
-        const QString sheet = dockWidget("tessivane.account")->styleSheet();
-        QVERIFY(sheet.contains(QLatin1String("QWidget#TessivaneRoot")));
-        QVERIFY(sheet.contains(QLatin1String("width: 28px")));
-        for (int i = 0; i < dockIds.size(); ++i) {
-            QDockWidget *dock = hostDouble::dock(dockIds[i]);
-            QCOMPARE(dock->windowTitle(), dockTitles[i]);
+        QVERIFY(start());
+        QCOMPARE(activeTimers(*controller_), QList<int>({2000, 10000, 21600000}));
+        const QString sheet = panel("tessivane.account")->styleSheet();
+        // The switch's pill and the glow behind every panel.
+        QVERIFY(sheet.contains("QCheckBox::indicator {\n    width: 28px;"));
+        QVERIFY(sheet.contains("QWidget#TessivaneRoot {\n    background: qradialgradient("));
+        for (int i = 0; i < docks.size(); ++i) {
+            QCOMPARE(hostDouble::calls().at(i), "add_dock " + docks[i]);
+            QDockWidget *dock = hostDouble::dock(docks[i]);
+            QCOMPARE(dock->windowTitle(), titles[i]);
             QCOMPARE(dock->allowedAreas(), Qt::AllDockWidgetAreas);
             QCOMPARE(dock->features(), QDockWidget::DockWidgetClosable |
                                            QDockWidget::DockWidgetMovable |
                                            QDockWidget::DockWidgetFloatable);
             QVERIFY(!dock->isFloating());
-            QCOMPARE(dock->widget()->objectName(), QStringLiteral("TessivaneRoot"));
+            QCOMPARE(dock->widget()->objectName(), "TessivaneRoot");
             QCOMPARE(dock->widget()->styleSheet(), sheet);
-            // Shown at once, since nobody is signed in yet.
-            QVERIFY(dock->isVisibleTo(hostDouble::mainWindow()));
         }
-        for (const char *id : {"tessivane.account", "tessivane.channels",
-                               "tessivane.stream-information", "tessivane.stream-health"}) {
-            const QList<QLabel *> headings =
-                dockWidget(id)->findChildren<QLabel *>(QStringLiteral("TessivaneHeading"));
-            QCOMPARE(headings.size(), 1);
-        }
-        QCOMPARE(withText<QLabel>(dockWidget("tessivane.account"), QStringLiteral("TESSIVANE"))
-                     ->objectName(),
-                 QStringLiteral("TessivaneBrand"));
-
-        // A second call changes nothing.
-        hostDouble::clearCalls();
-        QVERIFY(controller.initialize());
+        // Shown at once, since nobody is signed in.
+        QVERIFY(docksShown());
+        hostDouble::calls().clear();
+        QVERIFY(controller_->initialize());
         QVERIFY(hostDouble::calls().isEmpty());
     }
 
-    void refusedThirdDockUndoesTheStart()
+    void shutdownCutsTheClientBeforeAbortingAndTakesTheDocksAway()
     {
-        hostDouble::refuseDock(QStringLiteral("tessivane.stream-information"));
-        TessivaneController controller;
-        QVERIFY(!controller.initialize());
+        store().setValue("sessionToken", "tok");
+        service_.fallback.status = ScriptedService::hold;
+        QVERIFY(start());
+        QTRY_COMPARE(service_.requests.size(), 3);
+        // The panel outlives its dock here, so that a late write to it would show.
+        QWidget *account = panel("tessivane.account");
+        account->setParent(nullptr);
+        QSignalSpy failed(&api(), &TessivaneApi::requestFailed);
 
-        const QStringList calls = hostDouble::calls();
-        QCOMPARE(calls.mid(0, 3),
-                 (QStringList{QStringLiteral("add_dock tessivane.account"),
-                              QStringLiteral("add_dock tessivane.channels"),
-                              QStringLiteral("add_dock tessivane.stream-information")}));
-        QStringList removed = calls.mid(3);
-        removed.sort();
-        QCOMPARE(removed, (QStringList{QStringLiteral("remove_dock tessivane.account"),
-                                       QStringLiteral("remove_dock tessivane.channels")}));
-        QVERIFY(hostDouble::dockIds().isEmpty());
-        QVERIFY(controller.findChildren<QTimer *>().isEmpty());
-        // The refused panel is gone, and no later panel was ever built.
-        QCOMPARE(hostDouble::mainWindow()
-                     ->findChildren<QWidget *>(QStringLiteral("TessivaneRoot"))
-                     .size(),
-                 0);
-        QTest::qWait(50);
-        QVERIFY(service_->requests().isEmpty());
-
-        // Nothing of the first attempt is left to undo.
-        hostDouble::clearCalls();
-        controller.shutdown();
-        QVERIFY(hostDouble::calls().isEmpty());
-    }
-
-    void shutdownStopsTimersAndTakesTheDocksAway()
-    {
-        TessivaneController controller;
-        QVERIFY(controller.initialize());
-        const QList<QTimer *> timers = controller.findChildren<QTimer *>();
-        QList<int> intervals;
-        for (QTimer *timer : timers) {
-            QVERIFY(timer->isActive());
-            intervals << timer->interval();
-        }
-        std::sort(intervals.begin(), intervals.end());
-        QVERIFY(intervals.contains(2000));
-        QVERIFY(intervals.contains(10000));
-        QVERIFY(intervals.contains(21600000));
-
-        hostDouble::clearCalls();
-        controller.shutdown();
+        hostDouble::calls().clear();
+        controller_->shutdown();
+        QCOMPARE(failed.count(), 3);
+        const QList<QLabel *> labels = account->findChildren<QLabel *>();
+        QVERIFY(std::none_of(labels.begin(), labels.end(), [](QLabel *label) {
+            return label->text().endsWith("Operation canceled");
+        }));
         QStringList calls = hostDouble::calls();
         calls.sort();
-        QStringList expected;
-        for (const QString &id : dockIds)
-            expected << QStringLiteral("remove_dock ") + id;
-        expected.sort();
-        QCOMPARE(calls, expected);
+        QCOMPARE(calls,
+                 QStringList({"remove_dock tessivane.account", "remove_dock tessivane.channels",
+                              "remove_dock tessivane.chat", "remove_dock tessivane.stream-health",
+                              "remove_dock tessivane.stream-information"}));
         // Only the six-hourly release check outlives shutdown, until the object goes.
-        QList<int> left;
-        for (QTimer *timer : controller.findChildren<QTimer *>())
-            left << timer->interval();
-        QVERIFY(!left.contains(2000));
-        QVERIFY(!left.contains(10000));
+        QCOMPARE(activeTimers(*controller_), QList<int>({21600000}));
+        delete account;
 
-        hostDouble::clearCalls();
-        controller.shutdown();
+        // Stopped, nothing touches the widgets that went with the docks.
+        hostDouble::calls().clear();
+        controller_->setSignedInUi(true);
+        controller_->shutdown();
         QVERIFY(hostDouble::calls().isEmpty());
     }
 
-    void showDocksBringsBackClosedDocksAndSkipsDestroyedOnes()
+    void refusedAndDestroyedPanels()
     {
-        TessivaneController controller;
-        QVERIFY(controller.initialize());
-        QDockWidget *health = hostDouble::dock(QStringLiteral("tessivane.stream-health"));
-        health->close();
-        QVERIFY(!health->isVisibleTo(hostDouble::mainWindow()));
-        delete dockWidget("tessivane.chat");
-
-        controller.showDocks();
-        QVERIFY(health->isVisibleTo(hostDouble::mainWindow()));
-
-        // The host is still asked to remove the dock whose panel died behind our back.
-        hostDouble::clearCalls();
-        controller.removeDocks();
-        QVERIFY(hostDouble::calls().contains(QStringLiteral("remove_dock tessivane.chat")));
-        hostDouble::clearCalls();
-        controller.removeDocks();
-        QVERIFY(hostDouble::calls().isEmpty());
-    }
-
-    void registerDockHandlesNullAndForeignParents()
-    {
-        TessivaneController controller;
-        QVERIFY(!controller.registerDock("tessivane.x", "X", nullptr));
-        QVERIFY(hostDouble::calls().isEmpty());
-
-        // A refused widget is deleted at once.
-        hostDouble::refuseDock(QStringLiteral("tessivane.y"));
+        QVERIFY(start());
+        hostDouble::refuseDock("tessivane.y");
         QPointer<QWidget> refused = new QWidget;
-        QVERIFY(!controller.registerDock("tessivane.y", "Y", refused));
+        QVERIFY(!controller_->registerDock("tessivane.y", "Y", refused));
         QVERIFY(refused.isNull());
-
-        // A panel without a parent after registration is still shown as a plain widget.
-        auto *plain = new QWidget;
-        QVERIFY(controller.registerDock("tessivane.z", "Z", plain));
-        plain->setParent(nullptr);
-        controller.showDocks();
-        QVERIFY(plain->isVisible());
-        controller.removeDocks();
-        delete plain;
+        // A panel destroyed behind the controller's back is still asked back from the host.
+        delete panel("tessivane.chat");
+        controller_->showDocks();
+        hostDouble::calls().clear();
+        controller_->removeDocks();
+        QCOMPARE(hostDouble::calls().size(), 5);
+        QVERIFY(hostDouble::calls().contains("remove_dock tessivane.chat"));
     }
 
-    void failuresReachTheAccountStatusLine()
+    void failuresReachTheirStatusLines_data()
     {
-        store().setValue(QStringLiteral("sessionToken"), QStringLiteral("stale"));
-        service_->setReply("/api/me", ScriptedService::Reply::json(
-                                          401, R"({"error":"  Sign in to continue.  "})"));
-        service_->setReply("/api/stream-engine/ingest",
-                           ScriptedService::Reply::json(503, R"({"message":"Ingest is busy."})"));
-        TessivaneController controller;
-        QVERIFY(controller.initialize());
-        QLabel *status = dockWidget("tessivane.account")
-                             ->findChild<QStackedWidget *>()
-                             ->widget(0)
-                             ->findChildren<QLabel *>()
-                             .last();
-        QVERIFY(QTest::qWaitFor([&]() { return service_->requests().size() >= 3; }));
-        const QStringList expected = {QStringLiteral("Load account: Sign in to continue."),
-                                      QStringLiteral("Configure OBS: Ingest is busy.")};
-        QTRY_VERIFY(expected.contains(status->text()));
+        QTest::addColumn<QString>("operation");
+        QTest::addColumn<bool>("streamInfo");
+        QTest::addColumn<bool>("update");
+        QTest::newRow("account only") << "Load chat" << false << false;
+        QTest::newRow("stream, any case") << "Save STREAM information" << true << false;
+        QTest::newRow("category, any case") << "Search kick CATEGORIES" << true << false;
+        QTest::newRow("update check") << "Check for updates" << false << true;
+        QTest::newRow("update check, in other case") << "Check for Updates" << false << false;
+    }
 
-        // Neither label mentions a stream, so the stream information line stays empty.
-        QWidget *info = dockWidget("tessivane.stream-information");
-        const QList<QLabel *> muted =
-            info->findChildren<QLabel *>(QStringLiteral("TessivaneMuted"));
-        QCOMPARE(muted.last()->text(), QString());
-        // An expired session is only text: the token stays stored and the sign-in page stays up.
-        QCOMPARE(store().value(QStringLiteral("sessionToken")).toString(), QStringLiteral("stale"));
-        QCOMPARE(dockWidget("tessivane.account")->findChild<QStackedWidget *>()->currentIndex(), 0);
+    void failuresReachTheirStatusLines()
+    {
+        QFETCH(QString, operation);
+        QFETCH(bool, streamInfo);
+        QFETCH(bool, update);
+        QVERIFY(start());
+        QWidget *account = panel("tessivane.account");
+        QPushButton *check = withText<QPushButton>(account, "Check for Updates");
+        check->setEnabled(false);
+
+        Q_EMIT api().requestFailed(operation, "Service down");
+        const QString text = operation + ": Service down";
+        QVERIFY(withText<QLabel>(account, text));
+        QCOMPARE(bool(withText<QLabel>(panel("tessivane.stream-information"), text)), streamInfo);
+        QCOMPARE(check->isEnabled(), update);
+        QCOMPARE(bool(withText<QLabel>(account, "Update check failed. Try again later.")), update);
     }
 };
 

@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// What the tests share: a scripted local service, a way into the client and the wait for it to
+// fall quiet, and for the controller's tests a base with the host double, the service on the
+// built-in origin's port, a settings store of the test's own, and the docks' widgets.
+#pragma once
+
+// Qt's headers before OBS's: OBS's SIMD shims must not come before the compiler's intrinsics.
+#include <QDockWidget>
+#include <QHttpServer>
+#include <QLabel>
+#include <QMainWindow>
+#include <QNetworkReply>
+#include <QSettings>
+#include <QtTest>
+
+#include "obs-host-double.h"
+#include "tessivane-controller.h"
+
+#include <vector>
+
+// A local HTTPS service with the development service's certificate, which the process trusts. It
+// records each request as it arrived on the wire and answers as scripted.
+class ScriptedService : public QObject {
+    Q_OBJECT
+
+public:
+    struct Request {
+        QByteArray method;
+        QByteArray target; // as sent, not decoded
+        QHttpHeaders headers;
+        QByteArray body;
+
+        QByteArray header(QAnyStringView name) const { return headers.value(name).toByteArray(); }
+    };
+    struct Reply {
+        int status = 200; // 0: never answered
+        QByteArray body = "{}";
+    };
+    static constexpr int hold = 0;
+
+    explicit ScriptedService(QObject *parent = nullptr);
+    bool listen(quint16 port = 0); // 0 picks a free one
+    QUrl baseUrl() const;
+
+    // The answer to each request for a target; others get `fallback`.
+    QHash<QByteArray, Reply> replies;
+    Reply fallback;
+    QList<Request> requests;
+
+private:
+    QHttpServer http_;
+    std::vector<QHttpServerResponder> held_;
+};
+
+struct TessivaneTestAccess {
+    static TessivaneApi &api(TessivaneController &controller) { return controller.api_; }
+
+    // Waits until no request of the client is in flight, so that the service has seen all of
+    // them: a test then compares the exact list instead of sleeping.
+    static bool settle(TessivaneApi &api)
+    {
+        return QTest::qWaitFor([&]() {
+            const QList<QNetworkReply *> replies = api.manager_.findChildren<QNetworkReply *>();
+            return std::none_of(replies.begin(), replies.end(),
+                                [](QNetworkReply *reply) { return reply->isRunning(); });
+        });
+    }
+    static int liveReplies(TessivaneApi &api) { return api.manager_.children().size(); }
+};
+
+class ControllerTest : public QObject {
+    Q_OBJECT
+
+protected:
+    ScriptedService service_;
+    TessivaneController *controller_ = nullptr;
+
+    bool start() { return (controller_ = new TessivaneController)->initialize(); }
+    TessivaneApi &api() { return TessivaneTestAccess::api(*controller_); }
+    // The targets the service has seen once the client is quiet, sorted.
+    QList<QByteArray> settledTargets()
+    {
+        TessivaneTestAccess::settle(api());
+        QList<QByteArray> targets;
+        for (const ScriptedService::Request &request : std::as_const(service_.requests))
+            targets.append(request.target);
+        std::sort(targets.begin(), targets.end());
+        return targets;
+    }
+    static bool docksShown()
+    {
+        const QStringList ids = hostDouble::dockIds();
+        return !ids.isEmpty() && std::all_of(ids.begin(), ids.end(), [](const QString &id) {
+            return hostDouble::dock(id)->isVisibleTo(hostDouble::mainWindow());
+        });
+    }
+    static QSettings store() { return QSettings("Tessivane", "OBS Plugin"); }
+    static QWidget *panel(const char *id) { return hostDouble::dock(id)->widget(); }
+    template <typename T> static T *withText(QWidget *root, const QString &text)
+    {
+        const QList<T *> widgets = root->findChildren<T *>();
+        auto it = std::find_if(widgets.begin(), widgets.end(),
+                               [&](T *widget) { return widget->text() == text; });
+        return it == widgets.end() ? nullptr : *it;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY2(service_.listen(QUrl(TESSIVANE_SERVICE_ORIGIN).port()),
+                 "The origin's port is taken, perhaps by a running development service");
+    }
+    void init()
+    {
+        hostDouble::reset();
+        store().clear();
+        service_.requests.clear();
+        service_.replies.clear();
+        service_.fallback = {};
+    }
+    void cleanup()
+    {
+        delete controller_;
+        controller_ = nullptr;
+    }
+};
