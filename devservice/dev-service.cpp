@@ -25,17 +25,9 @@ using StatusCode = QHttpServerResponse::StatusCode;
 // Bodies on this interface are a few hundred bytes; anything far beyond is refused unparsed.
 constexpr qsizetype maxBodyBytes = 64 * 1024;
 
-const QString ingestServer = QStringLiteral("rtmp://127.0.0.1:1935/live");
-const QString currentPluginVersion = QStringLiteral("0.3.3");
-
-QHttpServerResponse errorResponse(StatusCode status, const QString &message)
-{
-    return QHttpServerResponse(QJsonObject{{QStringLiteral("error"), message}}, status);
-}
-
 QHttpServerResponse unauthorized(const QString &message)
 {
-    QHttpServerResponse response = errorResponse(StatusCode::Unauthorized, message);
+    QHttpServerResponse response = DevService::errorResponse(StatusCode::Unauthorized, message);
     QHttpHeaders headers = response.headers();
     headers.append(QHttpHeaders::WellKnownHeader::WWWAuthenticate, "Bearer");
     response.setHeaders(std::move(headers));
@@ -56,17 +48,6 @@ QString bearerToken(const QHttpServerRequest &request)
     if (value.size() <= scheme.size() || value.left(scheme.size()).toLower() != scheme)
         return {};
     return QString::fromUtf8(value.mid(scheme.size()).trimmed());
-}
-
-// Empty on success; otherwise the text to answer with, always a 400.
-QString readObjectBody(const QHttpServerRequest &request, QJsonObject *object)
-{
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(request.body(), &parseError);
-    if (parseError.error != QJsonParseError::NoError || !document.isObject())
-        return QStringLiteral("The request body must be a JSON object.");
-    *object = document.object();
-    return {};
 }
 
 QLatin1StringView pageTemplate()
@@ -91,15 +72,49 @@ It has one demo account, and sessions last until the service stops.</p>
 
 } // namespace
 
+QHttpServerResponse DevService::errorResponse(StatusCode status, const QString &message)
+{
+    return QHttpServerResponse(QJsonObject{{QStringLiteral("error"), message}}, status);
+}
+
+// Empty on success; otherwise the text to answer with, always a 400.
+QString DevService::readObjectBody(const QHttpServerRequest &request, QJsonObject *object)
+{
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(request.body(), &parseError);
+    if (parseError.error != QJsonParseError::NoError || !document.isObject())
+        return QStringLiteral("The request body must be a JSON object.");
+    *object = document.object();
+    return {};
+}
+
 DevService::DevService(QObject *parent) : QObject(parent)
 {
     accounts_.append({QStringLiteral("usr_demo"), QStringLiteral("demo@tessivane.dev"),
                       QStringLiteral("tessivane-demo"), QStringLiteral("Demo Streamer"),
                       QStringLiteral("Creator"), QStringLiteral("tsv_live_demo_7c41e2b95d08a3f6")});
 
+    // The demo account's channels: every platform, some selected, one offline, ids of several
+    // shapes.
+    channels_ = {
+        {42, QStringLiteral("twitch"), QStringLiteral("Twitch"), QStringLiteral("DemoStreamer"),
+         QStringLiteral("Connected"), true},
+        {QStringLiteral("yt 7"), QStringLiteral("youtube"), QStringLiteral("YouTube"),
+         QStringLiteral("Demo Streamer Gaming"), QStringLiteral("Connected"), true},
+        {QStringLiteral("kick-demo"), QStringLiteral("kick"), QStringLiteral("Kick"),
+         QStringLiteral("demostreamer"), QStringLiteral("Connected"), false},
+        {QStringLiteral("fb page"), QStringLiteral("facebook"), QStringLiteral("Facebook"),
+         QStringLiteral("Demo Streamer Page"), QStringLiteral("Offline"), false},
+        {QStringLiteral("ig_1"), QStringLiteral("instagram"), QStringLiteral("Instagram"),
+         QStringLiteral("@demostreamer"), QStringLiteral("Connected"), true},
+    };
+
     routeAuth();
     routeAccount();
+    routeChannels();
     routeStreamEngine();
+    routeStreamProfile();
+    routeChat();
     routePlugin();
 
     http_.setMissingHandler(this, [](const QHttpServerRequest &request,
@@ -221,29 +236,6 @@ void DevService::routeAccount()
     };
     handle(QStringLiteral("/account"), Method::Get, accountPage);
     handle(QStringLiteral("/account/"), Method::Get, accountPage);
-}
-
-void DevService::routeStreamEngine()
-{
-    handleSignedIn(QStringLiteral("/api/stream-engine/ingest"), Method::Get,
-                   [](const Account &account, const QString &) {
-                       return QHttpServerResponse(QJsonObject{
-                           {QStringLiteral("server"), ingestServer},
-                           {QStringLiteral("streamKey"), account.streamKey},
-                       });
-                   });
-}
-
-void DevService::routePlugin()
-{
-    // The current version, so that a plug-in of this version is told it is up to date.
-    handle(QStringLiteral("/api/plugin/releases/latest/macos"), Method::Get,
-           [](const QHttpServerRequest &) {
-               return QHttpServerResponse(QJsonObject{
-                   {QStringLiteral("available"), true},
-                   {QStringLiteral("version"), currentPluginVersion},
-               });
-           });
 }
 
 void DevService::handle(const QString &path, Method method, Handler handler)

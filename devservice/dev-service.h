@@ -6,6 +6,7 @@
 #include <QHttpServerRequest>
 #include <QHttpServerResponse>
 #include <QJsonObject>
+#include <QJsonValue>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -28,6 +29,12 @@ public:
     quint16 port() const;
     QString origin() const;
 
+    // A JSON object {"error": message}.
+    static QHttpServerResponse errorResponse(QHttpServerResponse::StatusCode status,
+                                             const QString &message);
+    // Empty when the body is a JSON object, which lands in `object`; otherwise the text of a 400.
+    static QString readObjectBody(const QHttpServerRequest &request, QJsonObject *object);
+
 private:
     struct Account {
         QString id;
@@ -37,15 +44,28 @@ private:
         QString plan;
         QString streamKey;
     };
+    // A connected channel of the demo account, as the channel list hands it out.
+    struct Channel {
+        QJsonValue id; // a number or a text
+        QString provider;
+        QString providerName;
+        QString name;
+        QString status;
+        bool selected = false;
+    };
 
     using Method = QHttpServerRequest::Method;
     using Handler = std::function<QHttpServerResponse(const QHttpServerRequest &)>;
     using AccountHandler = std::function<QHttpServerResponse(const Account &, const QString &)>;
 
-    // One routing function per area of the interface.
+    // One routing function per area of the interface, each in a file of its own but the first
+    // two.
     void routeAuth();
     void routeAccount();
+    void routeChannels();
     void routeStreamEngine();
+    void routeStreamProfile();
+    void routeChat();
     void routePlugin();
 
     bool bindServer(QTcpServer *server, quint16 port, QString *error);
@@ -59,6 +79,7 @@ private:
     static QJsonObject userRecord(const Account &account);
 
     QList<Account> accounts_;
+    QList<Channel> channels_;
     QHash<QString, QString> sessions_; // token -> account id
     QHttpServer http_;
     QTcpServer *server_ = nullptr;

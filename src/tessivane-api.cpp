@@ -6,10 +6,18 @@
 #include <QList>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QUrlQuery>
 
 namespace {
 // The client's own number, kept apart from the plug-in's version on purpose.
 constexpr char userAgent[] = "Tessivane-OBS-Plugin/0.3.0";
+
+// An id or provider word in a path, escaped here and once more by the request frame, which takes
+// the path as decoded text: a blank reaches the service as "%2520". The service expects that.
+QString pathWord(const QString &value)
+{
+    return QString::fromLatin1(QUrl::toPercentEncoding(value));
+}
 } // namespace
 
 TessivaneApi::TessivaneApi(QObject *parent)
@@ -151,4 +159,126 @@ void TessivaneApi::fetchLatestPluginRelease()
     // Released for macOS only; the segment stays "macos" on every platform.
     get(QStringLiteral("/api/plugin/releases/latest/macos"), QStringLiteral("Check for updates"),
         [this](const QJsonObject &reply) { Q_EMIT pluginReleaseLoaded(reply); });
+}
+
+void TessivaneApi::fetchChannels()
+{
+    get(QStringLiteral("/api/channels"), QStringLiteral("Load channels"),
+        [this](const QJsonObject &reply) {
+            Q_EMIT channelsLoaded(reply.value(QStringLiteral("channels")).toArray(),
+                                  reply.value(QStringLiteral("user")).toObject());
+        });
+}
+
+void TessivaneApi::setChannelSelected(const QString &channelId, bool selected)
+{
+    post(QStringLiteral("/api/channels/%1/selection").arg(pathWord(channelId)),
+         {{QStringLiteral("selected"), selected}}, QStringLiteral("Update channel"),
+         [this](const QJsonObject &) { fetchChannels(); });
+}
+
+void TessivaneApi::startProviderConnection(const QString &provider)
+{
+    const QString operation = QStringLiteral("Connect %1").arg(provider);
+    post(QStringLiteral("/api/connections/%1/start").arg(pathWord(provider)), QJsonObject(),
+         operation, [this, provider, operation](const QJsonObject &reply) {
+             const QUrl url(reply.value(QStringLiteral("url")).toString(), QUrl::TolerantMode);
+             if (url.isValid() && !url.isEmpty())
+                 Q_EMIT providerAuthorizationReady(provider, url);
+             else
+                 Q_EMIT requestFailed(operation,
+                                      QStringLiteral("No authorization URL was returned."));
+         });
+}
+
+void TessivaneApi::removeChannel(const QString &channelId)
+{
+    post(QStringLiteral("/api/channels/%1/remove").arg(pathWord(channelId)), QJsonObject(),
+         QStringLiteral("Remove channel"), [this](const QJsonObject &) { fetchChannels(); });
+}
+
+void TessivaneApi::addManualLiveDestination(const QString &provider, const QString &displayName,
+                                            const QString &serverUrl, const QString &streamKey)
+{
+    const QJsonObject body{{QStringLiteral("provider"), provider.trimmed().toLower()},
+                           {QStringLiteral("displayName"), displayName.trimmed()},
+                           {QStringLiteral("serverUrl"), serverUrl.trimmed()},
+                           {QStringLiteral("streamKey"), streamKey.trimmed()}};
+    post(QStringLiteral("/api/connections/manual"), body,
+         QStringLiteral("Add %1 Live").arg(provider),
+         [this](const QJsonObject &) { fetchChannels(); });
+}
+
+void TessivaneApi::fetchStreamProfile()
+{
+    get(QStringLiteral("/api/stream-profile"), QStringLiteral("Load stream information"),
+        [this](const QJsonObject &reply) {
+            Q_EMIT streamProfileLoaded(reply.value(QStringLiteral("profile")).toObject());
+        });
+}
+
+void TessivaneApi::saveStreamProfile(const QJsonObject &profile)
+{
+    post(QStringLiteral("/api/stream-profile"), profile, QStringLiteral("Save stream information"),
+         [this](const QJsonObject &reply) {
+             Q_EMIT streamProfileSaved(reply.value(QStringLiteral("profile")).toObject(),
+                                       reply.value(QStringLiteral("syncResults")).toArray());
+         });
+}
+
+void TessivaneApi::fetchCategories(const QString &provider, const QString &query)
+{
+    QUrlQuery items;
+    items.addQueryItem(QStringLiteral("provider"), provider.trimmed().toLower());
+    items.addQueryItem(QStringLiteral("q"), query.trimmed());
+    // The query is part of the decoded path, so "?" and "%" are escaped once more on the wire;
+    // the service reads it back from there.
+    get(QStringLiteral("/api/categories?%1").arg(items.query(QUrl::FullyEncoded)),
+        QStringLiteral("Search %1 categories").arg(provider),
+        [this, provider](const QJsonObject &reply) {
+            Q_EMIT categoriesLoaded(provider.toLower(),
+                                    reply.value(QStringLiteral("categories")).toArray());
+        });
+}
+
+void TessivaneApi::fetchLiveStats()
+{
+    get(QStringLiteral("/api/live/stats"), QStringLiteral("Load platform status"),
+        [this](const QJsonObject &reply) {
+            QJsonArray stats = reply.value(QStringLiteral("stats")).toArray();
+            if (stats.isEmpty())
+                stats = reply.value(QStringLiteral("platforms")).toArray();
+            Q_EMIT liveStatsLoaded(stats);
+        });
+}
+
+void TessivaneApi::setStreamActive(bool active)
+{
+    post(QStringLiteral("/api/stream/state"), {{QStringLiteral("active"), active}},
+         active ? QStringLiteral("Start stream session") : QStringLiteral("Stop stream session"),
+         [this](const QJsonObject &) {
+             fetchChannels();
+             fetchLiveStats();
+         });
+}
+
+void TessivaneApi::fetchChatMessages()
+{
+    get(QStringLiteral("/api/chat/messages"), QStringLiteral("Load chat"),
+        [this](const QJsonObject &reply) {
+            Q_EMIT chatLoaded(reply.value(QStringLiteral("messages")).toArray(),
+                              reply.value(QStringLiteral("adapters")).toArray());
+        });
+}
+
+void TessivaneApi::sendChatMessage(const QString &text, const QString &channelId,
+                                   const QString &provider)
+{
+    QJsonObject body{{QStringLiteral("text"), text.trimmed()}};
+    if (!channelId.trimmed().isEmpty())
+        body.insert(QStringLiteral("channelId"), channelId.trimmed());
+    if (!provider.trimmed().isEmpty())
+        body.insert(QStringLiteral("provider"), provider.trimmed());
+    post(QStringLiteral("/api/chat/send"), body, QStringLiteral("Send chat"),
+         [this](const QJsonObject &) { Q_EMIT chatMessageSent(); });
 }

@@ -32,6 +32,21 @@ public:
     void fetchIngest();
     void fetchLatestPluginRelease();
 
+    void fetchChannels();
+    void setChannelSelected(const QString &channelId, bool selected);
+    void startProviderConnection(const QString &provider);
+    void removeChannel(const QString &channelId);
+    void addManualLiveDestination(const QString &provider, const QString &displayName,
+                                  const QString &serverUrl, const QString &streamKey);
+
+    void fetchStreamProfile();
+    void saveStreamProfile(const QJsonObject &profile);
+    void fetchCategories(const QString &provider, const QString &query);
+    void fetchLiveStats();
+    void setStreamActive(bool active);
+    void fetchChatMessages();
+    void sendChatMessage(const QString &text, const QString &channelId, const QString &provider);
+
 Q_SIGNALS:
     void signedIn(const QJsonObject &user, const QString &sessionToken);
     void signedOut();

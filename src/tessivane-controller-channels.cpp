@@ -18,3 +18,16 @@ QWidget *TessivaneController::buildChannelsDock()
     layout->addStretch(1);
     return root;
 }
+
+void TessivaneController::renderChannels(const QJsonArray &channels)
+{
+    Q_UNUSED(channels)
+}
+
+QString TessivaneController::channelSummary() const
+{
+    int selected = 0;
+    for (const QJsonValue &channel : channels_)
+        selected += channel.toObject().value(QStringLiteral("selected")).toBool() ? 1 : 0;
+    return QStringLiteral("%1 selected").arg(selected);
+}

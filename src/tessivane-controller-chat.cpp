@@ -11,3 +11,9 @@ QWidget *TessivaneController::buildChatDock()
     rootLayout(root, 10, 8);
     return root;
 }
+
+void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray &adapters)
+{
+    Q_UNUSED(messages)
+    Q_UNUSED(adapters)
+}

@@ -17,7 +17,7 @@ QWidget *TessivaneController::buildHealthDock()
 
 void TessivaneController::refreshHealth() {}
 
-void TessivaneController::checkForUpdates(bool manual)
+void TessivaneController::showLiveStats(const QJsonArray &stats)
 {
-    Q_UNUSED(manual)
+    Q_UNUSED(stats)
 }

@@ -19,3 +19,19 @@ QWidget *TessivaneController::buildStreamInfoDock()
     layout->addStretch(1);
     return root;
 }
+
+void TessivaneController::showStreamProfile(const QJsonObject &profile)
+{
+    Q_UNUSED(profile)
+}
+
+void TessivaneController::showSyncResults(const QJsonArray &syncResults)
+{
+    Q_UNUSED(syncResults)
+}
+
+void TessivaneController::fillCategories(const QString &provider, const QJsonArray &categories)
+{
+    Q_UNUSED(provider)
+    Q_UNUSED(categories)
+}

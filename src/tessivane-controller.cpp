@@ -2,6 +2,7 @@
 // Start, stop and wiring of the controller, and the one reaction to failed requests.
 #include "tessivane-controller.h"
 
+#include <QDesktopServices>
 #include <QLabel>
 #include <QLineEdit>
 #include <QNetworkAccessManager>
@@ -68,9 +69,11 @@ bool TessivaneController::initialize()
     pollTimer_ = new QTimer(this);
     pollTimer_->setInterval(pollIntervalMs);
     connect(pollTimer_, &QTimer::timeout, this, [this]() {
-        // Only a session is polled; channels, statistics and chat join here with their docks.
         if (api_.sessionToken().isEmpty())
             return;
+        api_.fetchChannels();
+        api_.fetchLiveStats();
+        api_.fetchChatMessages();
     });
     pollTimer_->start();
 
@@ -124,8 +127,26 @@ void TessivaneController::clearWidgetPointers()
     accountDetailLabel_ = nullptr;
     updateStatusLabel_ = nullptr;
     checkUpdatesButton_ = nullptr;
+    channelsContainer_ = nullptr;
+    channelsCountLabel_ = nullptr;
+    channelsEmptyLabel_ = nullptr;
+    titleEdit_ = nullptr;
+    descriptionEdit_ = nullptr;
+    notificationEdit_ = nullptr;
+    twitchCategoryCombo_ = nullptr;
+    kickCategoryCombo_ = nullptr;
+    tagsEdit_ = nullptr;
     streamInfoStatusLabel_ = nullptr;
+    streamStateLabel_ = nullptr;
+    uploadLabel_ = nullptr;
+    droppedFramesLabel_ = nullptr;
+    optimizationLabel_ = nullptr;
     platformsLabel_ = nullptr;
+    startStopButton_ = nullptr;
+    chatList_ = nullptr;
+    chatTargetCombo_ = nullptr;
+    chatInputEdit_ = nullptr;
+    chatSendButton_ = nullptr;
 }
 
 void TessivaneController::refreshAll()
@@ -133,7 +154,11 @@ void TessivaneController::refreshAll()
     if (api_.sessionToken().isEmpty())
         return;
     api_.fetchAccount();
+    api_.fetchChannels();
     api_.fetchIngest();
+    api_.fetchStreamProfile();
+    api_.fetchLiveStats();
+    api_.fetchChatMessages();
 }
 
 void TessivaneController::connectApi()
@@ -150,13 +175,52 @@ void TessivaneController::connectApi()
             });
     connect(&api_, &TessivaneApi::signedOut, this, [this]() {
         clearSession();
+        clearObsIngest();
         account_ = QJsonObject();
         channels_ = QJsonArray();
         setSignedInUi(false);
+        renderChannels(QJsonArray());
     });
     connect(&api_, &TessivaneApi::accountLoaded, this, [this](const QJsonObject &user) {
         account_ = user;
         setSignedInUi(true);
+    });
+    connect(&api_, &TessivaneApi::channelsLoaded, this,
+            [this](const QJsonArray &channels, const QJsonObject &user) {
+                channels_ = channels;
+                // The labels show a new account only at the next switch of the page.
+                if (!user.isEmpty())
+                    account_ = user;
+                renderChannels(channels_);
+                if (platformsLabel_)
+                    platformsLabel_->setText(channelSummary());
+            });
+    connect(&api_, &TessivaneApi::ingestLoaded, this,
+            [this](const QJsonObject &ingest) { configureObsIngest(ingest); });
+    connect(&api_, &TessivaneApi::pluginReleaseLoaded, this,
+            &TessivaneController::handlePluginRelease);
+    connect(&api_, &TessivaneApi::streamProfileLoaded, this,
+            [this](const QJsonObject &profile) { showStreamProfile(profile); });
+    connect(&api_, &TessivaneApi::streamProfileSaved, this,
+            [this](const QJsonObject &, const QJsonArray &syncResults) {
+                showSyncResults(syncResults);
+            });
+    connect(&api_, &TessivaneApi::categoriesLoaded, this,
+            [this](const QString &provider, const QJsonArray &categories) {
+                fillCategories(provider, categories);
+            });
+    connect(&api_, &TessivaneApi::providerAuthorizationReady, this,
+            [](const QString &, const QUrl &url) { QDesktopServices::openUrl(url); });
+    connect(&api_, &TessivaneApi::liveStatsLoaded, this,
+            [this](const QJsonArray &stats) { showLiveStats(stats); });
+    connect(&api_, &TessivaneApi::chatLoaded, this,
+            [this](const QJsonArray &messages, const QJsonArray &adapters) {
+                showChat(messages, adapters);
+            });
+    connect(&api_, &TessivaneApi::chatMessageSent, this, [this]() {
+        if (chatInputEdit_)
+            chatInputEdit_->clear();
+        api_.fetchChatMessages();
     });
     connect(&api_, &TessivaneApi::requestFailed, this,
             [this](const QString &operation, const QString &message) {
@@ -176,9 +240,4 @@ void TessivaneController::connectApi()
                      operation.contains(QLatin1String("categor"), Qt::CaseInsensitive)))
                     streamInfoStatusLabel_->setText(text);
             });
-}
-
-void TessivaneController::handleFrontendEvent(int event)
-{
-    Q_UNUSED(event)
 }

@@ -11,12 +11,15 @@
 #include <QPointer>
 #include <QString>
 
+class QComboBox;
 class QFrame;
 class QLabel;
 class QLineEdit;
+class QListWidget;
 class QNetworkAccessManager;
 class QPushButton;
 class QStackedWidget;
+class QTextEdit;
 class QTimer;
 class QWidget;
 
@@ -50,8 +53,19 @@ public:
     void clearSession();
     void setSignedInUi(bool signedIn);
 
+    // Channels
+    void renderChannels(const QJsonArray &channels);
+    QString channelSummary() const;
+
+    // OBS ingest and stream health
+    void configureObsIngest(const QJsonObject &ingest);
+    void clearObsIngest();
     void refreshHealth();
+
+    // Updates
     void checkForUpdates(bool manual);
+    void handlePluginRelease(const QJsonObject &release);
+    void downloadAndInstallUpdate(const QJsonObject &release);
 
 private:
     // The tests reach inside through this; no code of the system does.
@@ -61,6 +75,13 @@ private:
     QLabel *makeValueLabel(const QString &text, QWidget *parent) const;
     void connectApi();
     void clearWidgetPointers();
+
+    // The reactions to the client's signals that belong to one dock each.
+    void showLiveStats(const QJsonArray &stats);
+    void showStreamProfile(const QJsonObject &profile);
+    void showSyncResults(const QJsonArray &syncResults);
+    void fillCategories(const QString &provider, const QJsonArray &categories);
+    void showChat(const QJsonArray &messages, const QJsonArray &adapters);
 
     TessivaneApi api_;
     QJsonArray channels_;
@@ -83,11 +104,33 @@ private:
     QLabel *updateStatusLabel_ = nullptr;
     QPushButton *checkUpdatesButton_ = nullptr;
 
+    // Channels dock
+    QWidget *channelsContainer_ = nullptr;
+    QLabel *channelsCountLabel_ = nullptr;
+    QLabel *channelsEmptyLabel_ = nullptr;
+
     // Stream Information dock
+    QLineEdit *titleEdit_ = nullptr;
+    QTextEdit *descriptionEdit_ = nullptr;
+    QLineEdit *notificationEdit_ = nullptr;
+    QComboBox *twitchCategoryCombo_ = nullptr;
+    QComboBox *kickCategoryCombo_ = nullptr;
+    QLineEdit *tagsEdit_ = nullptr;
     QLabel *streamInfoStatusLabel_ = nullptr;
 
     // Stream Health dock
+    QLabel *streamStateLabel_ = nullptr;
+    QLabel *uploadLabel_ = nullptr;
+    QLabel *droppedFramesLabel_ = nullptr;
+    QLabel *optimizationLabel_ = nullptr;
     QLabel *platformsLabel_ = nullptr;
+    QPushButton *startStopButton_ = nullptr;
+
+    // Chat dock
+    QListWidget *chatList_ = nullptr;
+    QComboBox *chatTargetCombo_ = nullptr;
+    QLineEdit *chatInputEdit_ = nullptr;
+    QPushButton *chatSendButton_ = nullptr;
 
     QTimer *healthTimer_ = nullptr;
     QTimer *pollTimer_ = nullptr;

@@ -49,7 +49,9 @@ private Q_SLOTS:
 
         // One sign-in, then the refresh with the session.
         QCOMPARE(settledTargets(),
-                 QList<QByteArray>({"/api/auth/login", "/api/me", "/api/stream-engine/ingest"}));
+                 QList<QByteArray>({"/api/auth/login", "/api/channels", "/api/chat/messages",
+                                    "/api/live/stats", "/api/me", "/api/stream-engine/ingest",
+                                    "/api/stream-profile"}));
         for (const ScriptedService::Request &request : service_.requests.mid(1))
             QCOMPARE(request.header("Authorization"), "Bearer tok-1");
         QCOMPARE(name(), "Demo");
@@ -78,8 +80,10 @@ private Q_SLOTS:
         // The account page waits for the first reply; OBS's own layout decides on the docks.
         QCOMPARE(stack()->currentIndex(), 0);
         QVERIFY(!hostDouble::dock("tessivane.account")->isVisibleTo(hostDouble::mainWindow()));
-        QCOMPARE(settledTargets(),
-                 QList<QByteArray>({"/api/me", "/api/me", "/api/stream-engine/ingest"}));
+        QCOMPARE(
+            settledTargets(),
+            QList<QByteArray>({"/api/channels", "/api/chat/messages", "/api/live/stats", "/api/me",
+                               "/api/me", "/api/stream-engine/ingest", "/api/stream-profile"}));
         for (const ScriptedService::Request &request : std::as_const(service_.requests))
             QCOMPARE(request.header("Authorization"), "Bearer tok-9");
         QTRY_COMPARE(name(), "a@b.c");

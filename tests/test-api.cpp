@@ -12,25 +12,205 @@ QJsonObject object(const QByteArray &json)
     return QJsonDocument::fromJson(json).object();
 }
 
-// Every endpoint: how it is called, and what reaches the wire.
+// A signal's argument as compact JSON, or as text.
+QString describe(const QVariant &value)
+{
+    if (value.metaType() == QMetaType::fromType<QJsonObject>())
+        return QString::fromUtf8(
+            QJsonDocument(value.toJsonObject()).toJson(QJsonDocument::Compact));
+    if (value.metaType() == QMetaType::fromType<QJsonArray>())
+        return QString::fromUtf8(QJsonDocument(value.toJsonArray()).toJson(QJsonDocument::Compact));
+    return value.toString();
+}
+
+// Every endpoint: how it is called, what reaches the wire, and what a reply turns into (with
+// every target answered by `reply`, follow-up requests included).
 struct Endpoint {
     const char *tag;
     std::function<void(TessivaneApi &)> call;
-    const char *method, *target, *body, *label;
+    const char *method, *target, *body, *label, *reply;
+    QStringList emits;
 };
 const std::vector<Endpoint> &endpoints()
 {
+    using A = TessivaneApi;
     static const std::vector<Endpoint> table = {
-        {"login", [](TessivaneApi &api) { api.login(" \tuser@x  ", "  pa ss  "); }, "POST",
-         "/api/auth/login", R"({"email":"user@x","password":"  pa ss  "})", "Sign in"},
-        {"logout", [](TessivaneApi &api) { api.logout(); }, "POST", "/api/auth/logout", "{}",
-         "Sign out"},
-        {"account", [](TessivaneApi &api) { api.fetchAccount(); }, "GET", "/api/me", "",
-         "Load account"},
-        {"ingest", [](TessivaneApi &api) { api.fetchIngest(); }, "GET", "/api/stream-engine/ingest",
-         "", "Configure OBS"},
-        {"release", [](TessivaneApi &api) { api.fetchLatestPluginRelease(); }, "GET",
-         "/api/plugin/releases/latest/macos", "", "Check for updates"},
+        {"login",
+         [](A &api) { api.login(" \tuser@x  ", "  pa ss  "); },
+         "POST",
+         "/api/auth/login",
+         R"({"email":"user@x","password":"  pa ss  "})",
+         "Sign in",
+         R"({"sessionToken":"t","user":{"id":1}})",
+         {R"(signedIn {"id":1} t)"}},
+        {"logout",
+         [](A &api) { api.logout(); },
+         "POST",
+         "/api/auth/logout",
+         "{}",
+         "Sign out",
+         "{}",
+         {"signedOut"}},
+        {"account",
+         [](A &api) { api.fetchAccount(); },
+         "GET",
+         "/api/me",
+         "",
+         "Load account",
+         R"({"user":{"id":1}})",
+         {R"(accountLoaded {"id":1})"}},
+        {"ingest",
+         [](A &api) { api.fetchIngest(); },
+         "GET",
+         "/api/stream-engine/ingest",
+         "",
+         "Configure OBS",
+         R"({"server":"s"})",
+         {R"(ingestLoaded {"server":"s"})"}},
+        {"release",
+         [](A &api) { api.fetchLatestPluginRelease(); },
+         "GET",
+         "/api/plugin/releases/latest/macos",
+         "",
+         "Check for updates",
+         R"({"version":"1"})",
+         {R"(pluginReleaseLoaded {"version":"1"})"}},
+        {"channels",
+         [](A &api) { api.fetchChannels(); },
+         "GET",
+         "/api/channels",
+         "",
+         "Load channels",
+         R"({"channels":[1],"user":{"id":1}})",
+         {R"(channelsLoaded [1] {"id":1})"}},
+        {"selection",
+         [](A &api) { api.setChannelSelected("yt 7", true); },
+         "POST",
+         "/api/channels/yt%25207/selection",
+         R"({"selected":true})",
+         "Update channel",
+         "{}",
+         {"channelsLoaded [] {}"}},
+        {"connect",
+         [](A &api) { api.startProviderConnection(" Twitch"); },
+         "POST",
+         "/api/connections/%2520Twitch/start",
+         "{}",
+         "Connect  Twitch",
+         "{\"url\":\"https://x/a?b=c d\"}",
+         {"providerAuthorizationReady  Twitch https://x/a?b=c d"}},
+        {"connect without url",
+         [](A &api) { api.startProviderConnection("kick"); },
+         "POST",
+         "/api/connections/kick/start",
+         "{}",
+         "Connect kick",
+         R"({"url":7})",
+         {"requestFailed Connect kick No authorization URL was returned."}},
+        {"remove",
+         [](A &api) { api.removeChannel("a%b"); },
+         "POST",
+         "/api/channels/a%2525b/remove",
+         "{}",
+         "Remove channel",
+         "{}",
+         {"channelsLoaded [] {}"}},
+        {"manual",
+         [](A &api) { api.addManualLiveDestination(" Face Book ", " P ", " s ", " k "); },
+         "POST",
+         "/api/connections/manual",
+         R"({"displayName":"P","provider":"face book","serverUrl":"s","streamKey":"k"})",
+         "Add  Face Book  Live",
+         "{}",
+         {"channelsLoaded [] {}"}},
+        {"profile",
+         [](A &api) { api.fetchStreamProfile(); },
+         "GET",
+         "/api/stream-profile",
+         "",
+         "Load stream information",
+         R"({"profile":{"title":"T"}})",
+         {R"(streamProfileLoaded {"title":"T"})"}},
+        {"save profile",
+         [](A &api) { api.saveStreamProfile({{"title", "T"}, {"tags", QJsonArray{"a"}}}); },
+         "POST",
+         "/api/stream-profile",
+         R"({"tags":["a"],"title":"T"})",
+         "Save stream information",
+         R"({"profile":{"title":"T"},"syncResults":[{"ok":true}]})",
+         {R"(streamProfileSaved {"title":"T"} [{"ok":true}])"}},
+        {"categories",
+         [](A &api) { api.fetchCategories(" Twitch ", " just chatting "); },
+         "GET",
+         "/api/categories%3Fprovider=twitch&q=just%2520chatting",
+         "",
+         "Search  Twitch  categories",
+         R"({"categories":[1]})",
+         {"categoriesLoaded  twitch  [1]"}},
+        {"categories, escaped",
+         [](A &api) { api.fetchCategories("kick", "a&b?c%d"); },
+         "GET",
+         "/api/categories%3Fprovider=kick&q=a%2526b%3Fc%2525d",
+         "",
+         "Search kick categories",
+         "{}",
+         {"categoriesLoaded kick []"}},
+        {"live stats",
+         [](A &api) { api.fetchLiveStats(); },
+         "GET",
+         "/api/live/stats",
+         "",
+         "Load platform status",
+         R"({"stats":[1],"platforms":[1,2]})",
+         {"liveStatsLoaded [1]"}},
+        {"live platforms",
+         [](A &api) { api.fetchLiveStats(); },
+         "GET",
+         "/api/live/stats",
+         "",
+         "Load platform status",
+         R"({"stats":[],"platforms":[2]})",
+         {"liveStatsLoaded [2]"}},
+        {"stream started",
+         [](A &api) { api.setStreamActive(true); },
+         "POST",
+         "/api/stream/state",
+         R"({"active":true})",
+         "Start stream session",
+         "{}",
+         {"channelsLoaded [] {}", "liveStatsLoaded []"}},
+        {"stream stopped",
+         [](A &api) { api.setStreamActive(false); },
+         "POST",
+         "/api/stream/state",
+         R"({"active":false})",
+         "Stop stream session",
+         "{}",
+         {"channelsLoaded [] {}", "liveStatsLoaded []"}},
+        {"chat",
+         [](A &api) { api.fetchChatMessages(); },
+         "GET",
+         "/api/chat/messages",
+         "",
+         "Load chat",
+         R"({"messages":[1],"adapters":[2]})",
+         {"chatLoaded [1] [2]"}},
+        {"send to a channel",
+         [](A &api) { api.sendChatMessage(" hi ", " 42 ", " Twitch "); },
+         "POST",
+         "/api/chat/send",
+         R"({"channelId":"42","provider":"Twitch","text":"hi"})",
+         "Send chat",
+         "{}",
+         {"chatMessageSent"}},
+        {"send to all",
+         [](A &api) { api.sendChatMessage("  ", " ", ""); },
+         "POST",
+         "/api/chat/send",
+         R"({"text":""})",
+         "Send chat",
+         "{}",
+         {"chatMessageSent"}},
     };
     return table;
 }
@@ -177,6 +357,35 @@ private Q_SLOTS:
         QCOMPARE(requests.at(0).header("Content-Type"), "application/json");
         QCOMPARE(requests.at(0).header("Accept"), "application/json");
         QCOMPARE(requests.at(0).header("User-Agent"), "Tessivane-OBS-Plugin/0.3.0");
+    }
+
+    void endpointsTurnRepliesIntoSignals_data() { endpointsOnTheWire_data(); }
+
+    void endpointsTurnRepliesIntoSignals()
+    {
+        QFETCH(int, row);
+        const Endpoint &endpoint = endpoints()[row];
+        service_.fallback = {200, endpoint.reply};
+        QList<QSignalSpy *> spies;
+        const QMetaObject *meta = api_.metaObject();
+        for (int i = meta->methodOffset(); i < meta->methodCount(); ++i) {
+            if (meta->method(i).methodType() == QMetaMethod::Signal)
+                spies << new QSignalSpy(&api_, meta->method(i));
+        }
+        endpoint.call(api_);
+        TessivaneTestAccess::settle(api_);
+        QStringList emitted;
+        for (QSignalSpy *spy : std::as_const(spies)) {
+            for (const QList<QVariant> &arguments : std::as_const(*spy)) {
+                QString text = QString::fromLatin1(spy->signal()).section(QLatin1Char('('), 0, 0);
+                for (const QVariant &argument : arguments)
+                    text += QLatin1Char(' ') + describe(argument);
+                emitted << text;
+            }
+        }
+        qDeleteAll(spies);
+        emitted.sort();
+        QCOMPARE(emitted, endpoint.emits);
     }
 
     void signInReplies_data()

@@ -1,204 +1,23 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-2.0-or-later
 """Runs the built module inside a real OBS Studio and drives it as a streamer would, through the
-accessibility bus. Run it under xvfb-run and dbus-run-session, as CTest does."""
+accessibility bus, one dock after the other. Run it under xvfb-run and dbus-run-session, as CTest
+does."""
 
 import argparse
 import contextlib
-import json
-import os
-import re
-import shutil
-import ssl
-import subprocess
 import sys
-import time
-import urllib.error
-import urllib.request
-from pathlib import Path
 
-import pyatspi
-
-SOURCE = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(SOURCE / "scripts"))
-from obs_session import Session  # noqa: E402
-DOCKS = ["Tessivane Account", "Tessivane Channels", "Tessivane Stream Information",
-         "Tessivane Stream Health", "Tessivane Chat"]
-LOADED = "[Tessivane] Native plugin loaded; waiting for the frontend"
-UNLOADED = "[Tessivane] Native plugin unloaded"
-EMAIL, PASSWORD, NAME = "demo@tessivane.dev", "tessivane-demo", "Demo Streamer"
-
-
-def check(condition, what):
-    if not condition:
-        raise AssertionError(f"check failed: {what}")
-    print(f"  ok: {what}", flush=True)
-
-
-def wait_for(what, probe, timeout=20):
-    # Bus errors while a window is being built count as "not yet".
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        with contextlib.suppress(Exception):
-            if result := probe():
-                check(True, what)
-                return result
-        time.sleep(0.25)
-    raise AssertionError(f"timed out after {timeout} s: {what}")
-
-
-def find(root, role, name=None):
-    # A role "text" takes password fields too.
-    return pyatspi.findAllDescendants(root, lambda node: node.getRoleName().endswith(role)
-                                      and name in (None, node.name))
-
-
-def showing(node):
-    return node.getState().contains(pyatspi.STATE_SHOWING)
-
-
-def press(node):
-    node.queryAction().doAction(0)
-
-
-def read(path):
-    return path.read_text(errors="replace") if path.exists() else ""
-
-
-class Host(Session):
-    def __init__(self, args):
-        self.args, self.obs, self.app = args, None, None
-        self.work = Path(args.work).resolve()
-        self.run = self.work / "run"
-        shutil.rmtree(self.run, ignore_errors=True)
-        super().__init__(self.run, args.port)
-        self.home = self.run / "home"
-        self.obs_config = self.home / ".config/obs-studio"
-        self.settings = self.home / ".config/Tessivane/OBS Plugin.conf"
-        self.ca = ssl.create_default_context(cafile=SOURCE / "devservice/certs/dev-ca.pem")
-
-    def prepare(self):
-        """A private home with the module in OBS's per-user plug-in folder, and the service."""
-        plugin = self.obs_config / "plugins/tessivane"
-        (plugin / "bin/64bit").mkdir(parents=True)
-        # With the first run behind OBS the auto-configuration wizard stays away.
-        (self.obs_config / "global.ini").write_text("[General]\nFirstRun=true\n")
-        shutil.copytree(SOURCE / "data", plugin / "data")
-        shutil.copy2(self.args.module, plugin / "bin/64bit/tessivane.so")
-        for key in [k for k in os.environ if k.startswith(("XDG_", "WAYLAND", "QT_"))]:
-            del os.environ[key]
-        os.environ.update(HOME=str(self.home), LANG="C.UTF-8")
-        line = self.start_service(self.args.dev_service)
-        check(f"listening on https://127.0.0.1:{self.port}" in line,
-              f"the development service runs: {line}")
-
-    def ask_service(self, path, token=None):
-        """Status and JSON body of a GET to the development service, as a client of its own."""
-        request = urllib.request.Request(f"https://127.0.0.1:{self.port}{path}", headers=dict(
-            Authorization=f"Bearer {token}") if token else {})
-        try:
-            with urllib.request.urlopen(request, context=self.ca, timeout=10) as reply:
-                return reply.status, json.load(reply)
-        except urllib.error.HTTPError as error:
-            return error.code, json.load(error)
-
-    def start_obs(self):
-        logs = self.obs_config / "logs"
-        before = set(logs.glob("*.txt"))
-        # Without a window manager OBS keeps the size of its .ui file; one as large as the screen
-        # gives the docks room.
-        self.obs = super().start_obs("--disable-shutdown-check", "--multi", "-qwindowgeometry",
-                                     "1600x1000+0+0", env=dict(
-                                         os.environ, QT_QPA_PLATFORM="xcb",
-                                         LIBGL_ALWAYS_SOFTWARE="1",
-                                         QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1"))
-        self.log = wait_for("OBS opens a new log file",
-                            lambda: next(iter(set(logs.glob("*.txt")) - before)), 30)
-        self.app = wait_for("OBS is on the accessibility bus", lambda: next(
-            app for app in pyatspi.Registry.getDesktop(0)
-            if app and app.get_process_id() == self.obs.pid), 40)
-        wait_for(f"the log holds \"{LOADED}\"", lambda: LOADED in read(self.log), 30)
-
-    def window(self):
-        return next(node for node in self.app
-                    if node.getRoleName() == "frame" and node.name.startswith("OBS "))
-
-    def dock(self, title):
-        return next(iter(find(self.window(), "frame", title)), None)
-
-    def shown(self, role, name=None, dock=DOCKS[0]):
-        return [node for node in find(self.dock(dock), role, name) if showing(node)]
-
-    def screenshot(self, name):
-        subprocess.run(["import", "-window", "root", str(self.work / name)], check=True)
-
-    def exit_obs(self):
-        """Ends OBS through File > Exit, the way that unloads modules."""
-        with contextlib.suppress(Exception):  # OBS may be gone before it answers
-            press(find(self.window(), "menu item", "Exit")[0])
-        wait_for("OBS ends", lambda: self.obs.poll() is not None, 30)
-        self.stop(self.obs)
-        check(self.obs.returncode == 0, f"OBS ended with status {self.obs.returncode}")
-        check(UNLOADED in read(self.log), f"the log holds \"{UNLOADED}\"")
-        self.app = None
-
-    def sign_in_form(self):
-        """The Account dock's password and e-mail fields; the sign-in form shows exactly these."""
-        fields = sorted(self.shown("text"), key=lambda field: field.getRoleName())
-        check([f.getRoleName() for f in fields] == ["password text", "text"],
-              "the Account dock shows a password and an e-mail field")
-        return fields
+import account
+from host import Host, find
 
 
 def run(host):
-    print("step 1: OBS starts with the module; the five docks stand, signed out", flush=True)
     host.prepare()
     host.start_obs()
-    for title in DOCKS:
-        wait_for(f"dock \"{title}\" is showing", lambda: showing(host.dock(title)), 30)
-    password, email = host.sign_in_form()
-    host.screenshot("docks.png")
-
-    print("step 2: a wrong password is refused; the demo account signs in", flush=True)
-    email.queryEditableText().setTextContents(EMAIL)
-    password.queryEditableText().setTextContents(PASSWORD + " ")
-    press(host.shown("button", "Sign In")[0])
-    wait_for("the status line says why", lambda: host.shown(
-        "label", "Sign in: Incorrect e-mail address or password."))
-    # The service ignores the address's case; the plug-in trims its blanks.
-    email.queryEditableText().setTextContents(f" {EMAIL.capitalize()} ")
-    password.queryEditableText().setTextContents(PASSWORD)
-    press(host.shown("button", "Sign In")[0])
-    wait_for(f"the account page shows \"{NAME}\"", lambda: host.shown("label", NAME))
-    check(host.shown("label", f"Creator plan\n{EMAIL}"), "it shows the plan and the address")
-    # A password field hides its text from the bus but tells its length.
-    check(password.queryText().characterCount == 0, "the password field was cleared")
-    host.screenshot("account.png")
-    token = wait_for("the settings file holds sessionToken", lambda: re.search(
-        r"^sessionToken=(\S+)", read(host.settings), re.M), 10)[1]
-    check(host.ask_service("/api/stream-engine/ingest")[0] == 401,
-          "the service keeps the ingest from a client without a session")
-    status, ingest = host.ask_service("/api/stream-engine/ingest", token)
-    check(status == 200 and ingest.get("streamKey"), "and hands it to the plug-in's session")
+    account.sign_in(host)
     host.exit_obs()
-
-    print("step 3: a restart restores the session, and Sign Out forgets it", flush=True)
-    host.start_obs()
-    # OBS brings a plug-in's docks back hidden after a restart; a streamer opens them from Docks.
-    dock = wait_for("the Account dock is registered", lambda: host.dock(DOCKS[0]), 30)
-    if not showing(dock):
-        press(find(host.window(), "menu item", DOCKS[0])[0])
-    wait_for(f"the restored session shows \"{NAME}\"", lambda: host.shown("label", NAME), 30)
-    press(host.shown("button", "Sign Out")[0])
-    wait_for("Sign Out brings the sign-in form back", lambda: host.shown("button", "Sign In"))
-    host.sign_in_form()
-    wait_for("the settings file no longer holds sessionToken",
-             lambda: "sessionToken" not in read(host.settings), 10)
-    check(host.ask_service("/api/me", token)[0] == 401, "the service ended the session")
-    host.exit_obs()
-    leaks = [str(p) for p in host.home.rglob("*")
-             if p.is_file() and PASSWORD.encode() in p.read_bytes()]
-    check(not leaks, f"the password is in no file under the private home {leaks}")
+    account.restart_and_sign_out(host)
 
 
 def main():
