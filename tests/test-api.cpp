@@ -258,6 +258,8 @@ private Q_SLOTS:
             TessivaneTestAccess::settle(api_);
         }
         const QList<ScriptedService::Request> requests = service_.requests;
+        for (const ScriptedService::Request &request : requests)
+            QCOMPARE(request.target, "/api/me");
         QVERIFY(!requests.at(0).headers.contains("Authorization"));
         QCOMPARE(requests.at(1).header("Authorization"), "Bearer tok-1");
         QVERIFY(!requests.at(2).headers.contains("Authorization"));

@@ -142,6 +142,12 @@ bool obs_frontend_add_dock_by_id(const char *id, const char *title, void *widget
     return true;
 }
 
+void *obs_frontend_get_main_window(void)
+{
+    record(QStringLiteral("get_main_window"));
+    return hostDouble::mainWindow();
+}
+
 void obs_frontend_remove_dock(const char *id)
 {
     record(QStringLiteral("remove_dock ") + QString::fromUtf8(id));
