@@ -258,6 +258,7 @@ private Q_SLOTS:
             TessivaneTestAccess::settle(api_);
         }
         const QList<ScriptedService::Request> requests = service_.requests;
+        QCOMPARE(requests.size(), 3);
         for (const ScriptedService::Request &request : requests)
             QCOMPARE(request.target, "/api/me");
         QVERIFY(!requests.at(0).headers.contains("Authorization"));
