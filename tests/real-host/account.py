@@ -32,7 +32,7 @@ def sign_in(host):
     host.screenshot("account.png")
     host.token = wait_for("the settings file holds sessionToken", lambda: re.search(
         r"^sessionToken=(\S+)", read(host.settings), re.M), 10)[1]
-    check(host.ask_service("/api/stream-engine/ingest")[0] == 401,
+    check(host.ask_service("/api/stream-engine/ingest") == (401, {"error": "Sign in to continue."}),
           "the service keeps the ingest from a client without a session")
     status, ingest = host.ask_service("/api/stream-engine/ingest", host.token)
     check(status == 200 and ingest.get("streamKey"), "and hands it to the plug-in's session")
