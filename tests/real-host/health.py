@@ -33,7 +33,7 @@ def run(host):
                             "stream=codec_type", "-of", "csv=p=0",
                             f"{ingest['server']}/{ingest['streamKey']}"],
                            capture_output=True, text=True, timeout=30)
-    check("video" in probe.stdout.split(), f"the RTMP server hands the stream's video on: {probe.stdout.split()}")
+    check("video" in probe.stdout.split(), f"the RTMP server hands on the stream: {probe.stdout!r}")
     wait_for("the service was told the stream is on", lambda: "live" in platform_states(host))
     wait_for("the dock shows an upload rate above zero", lambda: any(
         re.fullmatch(r"\d+\.\d\d Mbps", label.name) and float(label.name.split()[0]) > 0
