@@ -63,7 +63,7 @@ class Session:
         """Starts nginx as the RTMP server on 127.0.0.1 and the session's RTMP port, with the
         project's configuration, in LOGS/rtmp; returns its ingest URL once it takes connections,
         or an empty one."""
-        folder = self.logs / "rtmp"
+        folder = (self.logs / "rtmp").resolve()  # nginx reads relative paths from its prefix
         folder.mkdir(exist_ok=True)
         config = folder / "nginx.conf"
         config.write_text((SOURCE / "devservice/rtmp/nginx.conf").read_text()
