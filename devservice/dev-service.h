@@ -9,6 +9,7 @@
 #include <QJsonValue>
 #include <QList>
 #include <QObject>
+#include <QSet>
 #include <QString>
 
 #include <functional>
@@ -28,6 +29,8 @@ public:
     bool listenPlain(quint16 port, QString *error);
     quint16 port() const;
     QString origin() const;
+    // The port of the RTMP server on 127.0.0.1 that the accounts' ingest points at.
+    void setIngestPort(quint16 port);
 
     // A JSON object {"error": message}.
     static QHttpServerResponse errorResponse(QHttpServerResponse::StatusCode status,
@@ -57,6 +60,7 @@ private:
     using Method = QHttpServerRequest::Method;
     using Handler = std::function<QHttpServerResponse(const QHttpServerRequest &)>;
     using AccountHandler = std::function<QHttpServerResponse(const Account &, const QString &)>;
+    using BodyHandler = std::function<QHttpServerResponse(const Account &, const QJsonObject &)>;
 
     // One routing function per area of the interface, each in a file of its own but the first
     // two.
@@ -71,6 +75,11 @@ private:
     bool bindServer(QTcpServer *server, quint16 port, QString *error);
     void handle(const QString &path, Method method, Handler handler);
     void handleSignedIn(const QString &path, Method method, AccountHandler handler);
+    // As handleSignedIn, for requests whose body must be a JSON object (a 400 otherwise).
+    void handleSignedInWithBody(const QString &path, Method method, BodyHandler handler);
+    // The handler's answer for the request's account, or a 401.
+    QHttpServerResponse answerSignedIn(const QHttpServerRequest &request,
+                                       const AccountHandler &handler) const;
 
     QHttpServerResponse login(const QHttpServerRequest &request);
     QString newSessionToken() const;
@@ -84,4 +93,6 @@ private:
     QHttpServer http_;
     QTcpServer *server_ = nullptr;
     bool plain_ = false;
+    quint16 ingestPort_ = 1935;
+    QSet<QString> streaming_; // ids of the accounts whose stream is on, as the plug-in said
 };

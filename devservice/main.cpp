@@ -37,6 +37,18 @@ bool quitOnTerminationSignals(QCoreApplication &app)
            ::sigaction(SIGINT, &action, nullptr) == 0;
 }
 
+// The option's port, or -1 after saying on stderr what it must be.
+int portValue(const QCommandLineParser &parser, const QCommandLineOption &option, uint lowest)
+{
+    bool ok = false;
+    const uint port = parser.value(option).toUInt(&ok);
+    if (ok && port >= lowest && port <= 65535)
+        return int(port);
+    std::fprintf(stderr, "tessivane-dev-service: --%s needs a number from %u to 65535\n",
+                 qPrintable(option.names().constFirst()), lowest);
+    return -1;
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -62,15 +74,17 @@ int main(int argc, char *argv[])
         QStringLiteral("plain"),
         QStringLiteral("Serve plain HTTP instead of HTTPS, for clients that can't be made to "
                        "trust the development CA."));
-    parser.addOptions({portOption, certOption, keyOption, plainOption});
+    const QCommandLineOption rtmpPortOption(
+        QStringLiteral("rtmp-port"),
+        QStringLiteral("Port of the RTMP server on 127.0.0.1 that the ingest points at."),
+        QStringLiteral("N"), QStringLiteral("1935"));
+    parser.addOptions({portOption, certOption, keyOption, plainOption, rtmpPortOption});
     parser.process(app);
 
-    bool portOk = false;
-    const uint port = parser.value(portOption).toUInt(&portOk);
-    if (!portOk || port > 65535) {
-        std::fprintf(stderr, "tessivane-dev-service: --port needs a number from 0 to 65535\n");
+    const int port = portValue(parser, portOption, 0);
+    const int rtmpPort = portValue(parser, rtmpPortOption, 1);
+    if (port < 0 || rtmpPort < 0)
         return 2;
-    }
 
     if (!quitOnTerminationSignals(app)) {
         std::perror("tessivane-dev-service: cannot install signal handlers");
@@ -78,6 +92,7 @@ int main(int argc, char *argv[])
     }
 
     DevService service;
+    service.setIngestPort(quint16(rtmpPort));
     QString error;
     const bool listening = parser.isSet(plainOption)
                                ? service.listenPlain(quint16(port), &error)

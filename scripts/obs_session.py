@@ -1,17 +1,19 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-2.0-or-later
 """OBS Studio and what the plug-in talks to on this machine, started together and ended together:
-the development service, and OBS trusting the development CA. scripts/run uses it with the
-streamer's own home; the real-host test with a home of its own.
+the development service, the RTMP server its ingest points at, and OBS trusting the development
+CA. scripts/run uses it with the streamer's own home; the real-host test with a home of its own.
 
-    obs_session.py --dev-service BINARY --port N --logs DIR [-- OBS ARGUMENTS]"""
+    obs_session.py --dev-service BINARY --port N [--rtmp-port N] --logs DIR [-- OBS ARGUMENTS]"""
 
 import argparse
 import contextlib
 import ctypes
 import os
 import select
+import shutil
 import signal
+import socket
 import subprocess
 import sys
 import time
@@ -21,8 +23,8 @@ SOURCE = Path(__file__).resolve().parents[1]
 
 
 class Session:
-    def __init__(self, logs, port):
-        self.logs, self.port, self.procs = Path(logs), port, []
+    def __init__(self, logs, port, rtmp_port=1935):
+        self.logs, self.port, self.rtmp_port, self.procs = Path(logs), port, rtmp_port, []
         self.logs.mkdir(parents=True, exist_ok=True)
 
     def start(self, name, argv, env=None, stdout=None, log=True):
@@ -52,9 +54,29 @@ class Session:
     def start_service(self, binary):
         """Starts the development service on the session's port; returns the line it announces
         itself with once it listens, or an empty one."""
-        proc = self.start("dev-service", [binary, "--port", self.port], stdout=subprocess.PIPE)
+        proc = self.start("dev-service", [binary, "--port", self.port, "--rtmp-port",
+                                          self.rtmp_port], stdout=subprocess.PIPE)
         ready = select.select([proc.stdout], [], [], 20)[0]
         return proc.stdout.readline().decode().strip() if ready else ""
+
+    def start_ingest(self):
+        """Starts nginx as the RTMP server on 127.0.0.1 and the session's RTMP port, with the
+        project's configuration, in LOGS/rtmp; returns its ingest URL once it takes connections,
+        or an empty one."""
+        folder = (self.logs / "rtmp").resolve()  # nginx reads relative paths from its prefix
+        folder.mkdir(exist_ok=True)
+        config = folder / "nginx.conf"
+        config.write_text((SOURCE / "devservice/rtmp/nginx.conf").read_text()
+                          .replace("@PORT@", str(self.rtmp_port)).replace("@DIR@", str(folder)))
+        proc = self.start("rtmp", [shutil.which("nginx") or "/usr/sbin/nginx", "-p", folder,
+                                   "-e", folder / "error.log", "-c", config])
+        deadline = time.monotonic() + 10
+        while proc.poll() is None and time.monotonic() < deadline:
+            with contextlib.suppress(OSError), socket.create_connection(
+                    ("127.0.0.1", self.rtmp_port), 1):
+                return f"rtmp://127.0.0.1:{self.rtmp_port}/live"
+            time.sleep(0.1)
+        return ""
 
     def start_obs(self, *args, env=None, log=True):
         # with-dev-ca execs OBS, which keeps the pid.
@@ -66,13 +88,20 @@ def main():
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--dev-service", required=True, help="the tessivane-dev-service binary")
     parser.add_argument("--port", type=int, required=True, help="port of the service origin")
+    parser.add_argument("--rtmp-port", type=int, default=1935,
+                        help="port of the RTMP server the ingest points at (default 1935)")
     parser.add_argument("--logs", required=True, help="folder for the services' logs")
     parser.add_argument("obs_args", nargs="*", help="passed on to OBS")
     args = parser.parse_args()
     sys.stdout.reconfigure(line_buffering=True)
-    session = Session(args.logs, args.port)
+    session = Session(args.logs, args.port, args.rtmp_port)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     try:
+        if ingest := session.start_ingest():
+            print(f"RTMP server for Start Streaming listening on {ingest}")
+        else:
+            print(f"The RTMP server did not start (see {args.logs}/rtmp/error.log); streams go "
+                  f"to whatever else listens on 127.0.0.1:{args.rtmp_port}")
         line = session.start_service(args.dev_service)
         if not line:
             sys.exit(f"The development service did not start: see {args.logs}/dev-service.log")

@@ -170,6 +170,9 @@ bool TessivaneController::registerDock(const char *id, const char *title, QWidge
         dock->setFloating(false);
     }
     docks_[QString::fromUtf8(id)] = widget;
+    // OBS deletes its docks at exit before it unloads the module, and timers and replies can
+    // still arrive in between: from then on no widget may be touched.
+    connect(widget, &QObject::destroyed, this, &TessivaneController::clearWidgetPointers);
     return true;
 }
 

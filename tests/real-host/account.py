@@ -52,6 +52,8 @@ def restart_and_sign_out(host):
     wait_for("the settings file no longer holds sessionToken",
              lambda: "sessionToken" not in read(host.settings), 10)
     check(host.ask_service("/api/me", host.token)[0] == 401, "the service ended the session")
+    saved = host.streaming_service()["settings"]
+    check(saved.get("server", "") == saved.get("key", "") == "", "OBS keeps no server and no key")
     host.exit_obs()
     leaks = [str(p) for p in host.home.rglob("*")
              if p.is_file() and PASSWORD.encode() in p.read_bytes()]

@@ -68,7 +68,8 @@ class Host(Session):
         self.work = Path(args.work).resolve()
         self.run = self.work / "run"
         shutil.rmtree(self.run, ignore_errors=True)
-        super().__init__(self.run, args.port)
+        # The RTMP server gets a port beside the origin's, away from a streamer's own 1935.
+        super().__init__(self.run, args.port, args.port + 1000)
         self.home = self.run / "home"
         self.obs_config = self.home / ".config/obs-studio"
         self.settings = self.home / ".config/Tessivane/OBS Plugin.conf"
@@ -78,8 +79,25 @@ class Host(Session):
         """A private home with the module in OBS's per-user plug-in folder, and the service."""
         plugin = self.obs_config / "plugins/tessivane"
         (plugin / "bin/64bit").mkdir(parents=True)
-        # With the first run behind OBS the auto-configuration wizard stays away.
-        (self.obs_config / "global.ini").write_text("[General]\nFirstRun=true\n")
+        # With the first run behind OBS the auto-configuration wizard stays away. A scene with a
+        # colour source and a small, light profile let a stream start cleanly on a virtual screen.
+        (self.obs_config / "global.ini").write_text(
+            "[General]\nFirstRun=true\n[Basic]\nProfile=Tessivane\nProfileDir=Tessivane\n"
+            "SceneCollection=Tessivane\nSceneCollectionFile=Tessivane\n")
+        self.profile = self.obs_config / "basic/profiles/Tessivane"
+        self.profile.mkdir(parents=True)
+        (self.profile / "basic.ini").write_text(
+            "[General]\nName=Tessivane\n[Video]\nBaseCX=640\nBaseCY=360\nOutputCX=640\n"
+            "OutputCY=360\nFPSCommon=30\n[SimpleOutput]\nVBitrate=1000\nUseAdvanced=true\n"
+            "Preset=ultrafast\nx264Settings=keyint=30\n")
+        (self.obs_config / "basic/scenes").mkdir(parents=True)
+        (self.obs_config / "basic/scenes/Tessivane.json").write_text(json.dumps({
+            "name": "Tessivane", "current_scene": "Scene", "current_program_scene": "Scene",
+            "scene_order": [{"name": "Scene"}], "sources": [
+                {"id": "scene", "versioned_id": "scene", "name": "Scene",
+                 "settings": {"id_counter": 1, "items": [{"name": "Colour", "id": 1}]}},
+                {"id": "color_source", "versioned_id": "color_source_v3", "name": "Colour",
+                 "settings": {"color": 4283215696, "width": 640, "height": 360}}]}))
         shutil.copytree(SOURCE / "data", plugin / "data")
         shutil.copy2(self.args.module, plugin / "bin/64bit/tessivane.so")
         for key in [k for k in os.environ if k.startswith(("XDG_", "WAYLAND", "QT_"))]:
@@ -88,6 +106,7 @@ class Host(Session):
         line = self.start_service(self.args.dev_service)
         check(f"listening on https://127.0.0.1:{self.port}" in line,
               f"the development service runs: {line}")
+        check(self.start_ingest(), f"the RTMP server takes connections on {self.rtmp_port}")
 
     def ask_service(self, path, token=None):
         """Status and JSON body of a GET to the development service, as a client of its own."""
@@ -98,6 +117,10 @@ class Host(Session):
                 return reply.status, json.load(reply)
         except urllib.error.HTTPError as error:
             return error.code, json.load(error)
+
+    def streaming_service(self):
+        """OBS's saved streaming service, the profile's service.json."""
+        return json.loads((self.profile / "service.json").read_text())
 
     def start_obs(self):
         logs = self.obs_config / "logs"

@@ -14,6 +14,13 @@
 #include <cstdio>
 
 struct text_lookup {};
+struct obs_data {
+    QVariantMap values;
+};
+struct obs_service {
+    QVariantMap settings;
+};
+struct obs_output {};
 
 namespace {
 
@@ -22,6 +29,9 @@ struct Host {
     QStringList refused;
     QPointer<QMainWindow> window;
     QList<QPair<obs_frontend_event_cb, void *>> callbacks;
+    hostDouble::Streaming streaming;
+    QVariantMap current; // the streaming service's settings, saved or not
+    obs_output output;
 };
 
 Host host;
@@ -71,6 +81,11 @@ QStringList dockIds()
 QDockWidget *dock(const QString &id)
 {
     return mainWindow()->findChild<QDockWidget *>(id);
+}
+
+Streaming &streaming()
+{
+    return host.streaming;
 }
 
 void sendEvent(int event)
@@ -153,5 +168,60 @@ void obs_frontend_remove_dock(const char *id)
     record(QStringLiteral("remove_dock ") + QString::fromUtf8(id));
     delete hostDouble::dock(QString::fromUtf8(id));
 }
+
+obs_data_t *obs_data_create(void)
+{
+    record(QStringLiteral("data_create"));
+    return new obs_data;
+}
+
+void obs_data_set_string(obs_data_t *data, const char *name, const char *val)
+{
+    record(QStringLiteral("data_set_string ") + QString::fromUtf8(name));
+    data->values[QString::fromUtf8(name)] = QString::fromUtf8(val);
+}
+
+void obs_data_set_bool(obs_data_t *data, const char *name, bool val)
+{
+    record(QStringLiteral("data_set_bool %1 %2").arg(name, val ? "true" : "false"));
+    data->values[QString::fromUtf8(name)] = val;
+}
+
+obs_service_t *obs_service_create(const char *id, const char *name, obs_data_t *settings,
+                                  obs_data_t *hotkey_data)
+{
+    record(QStringLiteral("service_create %1 %2%3").arg(id, name, hotkey_data ? " hotkeys" : ""));
+    return host.streaming.refuseService ? nullptr : new obs_service{settings->values};
+}
+
+void obs_frontend_set_streaming_service(obs_service_t *service)
+{
+    record(QStringLiteral("set_streaming_service"));
+    host.current = service->settings;
+}
+
+// The host functions that only record their call and answer from the knobs, one a line.
+#define HOST_CALL(type, function, params, call, answer)                                            \
+    type function params                                                                           \
+    {                                                                                              \
+        record(QStringLiteral(call));                                                              \
+        return answer;                                                                             \
+    }
+HOST_CALL(void, obs_data_release, (obs_data_t * data), "data_release", delete data)
+HOST_CALL(void, obs_service_release, (obs_service_t * service), "service_release", delete service)
+HOST_CALL(void, obs_frontend_save_streaming_service, (void), "save_streaming_service",
+          void(host.streaming.saved = host.current))
+HOST_CALL(bool, obs_frontend_streaming_active, (void), "streaming_active", host.streaming.active)
+HOST_CALL(void, obs_frontend_streaming_start, (void), "streaming_start", void())
+HOST_CALL(void, obs_frontend_streaming_stop, (void), "streaming_stop", void())
+HOST_CALL(obs_output_t *, obs_frontend_get_streaming_output, (void), "get_streaming_output",
+          host.streaming.hasOutput ? &host.output : nullptr)
+HOST_CALL(uint64_t, obs_output_get_total_bytes, (const obs_output_t *), "output_get_total_bytes",
+          host.streaming.totalBytes)
+HOST_CALL(int, obs_output_get_total_frames, (const obs_output_t *), "output_get_total_frames",
+          host.streaming.totalFrames)
+HOST_CALL(int, obs_output_get_frames_dropped, (const obs_output_t *), "output_get_frames_dropped",
+          host.streaming.droppedFrames)
+HOST_CALL(void, obs_output_release, (obs_output_t *), "output_release", void())
 
 } // extern "C"

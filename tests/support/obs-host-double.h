@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QStringList>
+#include <QVariantMap>
 
 class QDockWidget;
 class QMainWindow;
@@ -20,6 +21,19 @@ QMainWindow *mainWindow();
 // Ids of the docks the host holds, sorted.
 QStringList dockIds();
 QDockWidget *dock(const QString &id);
+// The streaming side of the host: what a test sets, and what the plug-in left in it.
+struct Streaming {
+    bool active = false;   // obs_frontend_streaming_active
+    bool hasOutput = true; // obs_frontend_get_streaming_output gives an output
+    quint64 totalBytes = 0;
+    int totalFrames = 0;
+    int droppedFrames = 0;
+    bool refuseService = false; // obs_service_create gives null
+    // The settings of the streaming service as last saved, with their values; the calls name
+    // only the settings, never a key.
+    QVariantMap saved;
+};
+Streaming &streaming();
 // Delivers an obs_frontend_event (an int, so that this header needs no OBS header) to every
 // registered callback.
 void sendEvent(int event);

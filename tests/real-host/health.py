@@ -1,0 +1,49 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
+"""The Stream Health dock in a real OBS: a few seconds of a real stream to the account's ingest."""
+
+import re
+import subprocess
+
+from host import check, find, press, showing, wait_for
+
+DOCK = "Tessivane Stream Health"
+
+
+def platform_states(host):
+    return [stat["status"] for stat in host.ask_service("/api/live/stats", host.token)[1]["stats"]]
+
+
+def run(host):
+    print("health: Start Streaming sends OBS's stream to the account's ingest", flush=True)
+    ingest = host.ask_service("/api/stream-engine/ingest", host.token)[1]
+    settings = {"server": ingest["server"], "key": ingest["streamKey"], "use_auth": False}
+    wait_for("OBS's profile holds a custom RTMP service with the account's ingest", lambda: (
+        saved := host.streaming_service())["type"] == "rtmp_custom"
+        and saved["settings"].items() >= settings.items(), 10)
+    press(host.shown("button", "Start Streaming", DOCK)[0])
+    # OBS says in a message box when the ingest refuses the stream.
+    outcome = wait_for("OBS streams, or says why not", lambda: host.shown(
+        "button", "Stop Streaming", DOCK) or [box for box in host.app if showing(box)
+                                              and box.getRoleName() == "alert"], 30)
+    if outcome[0].getRoleName() == "alert":
+        text = " ".join(label.name for label in find(outcome[0], "label"))
+        press(find(outcome[0], "button")[0])
+        raise AssertionError(f"OBS did not stream: {text}")
+    probe = subprocess.run(["ffprobe", "-v", "error", "-rw_timeout", "10000000", "-show_entries",
+                            "stream=codec_type", "-of", "csv=p=0",
+                            f"{ingest['server']}/{ingest['streamKey']}"],
+                           capture_output=True, text=True, timeout=30)
+    check("video" in probe.stdout.split(), f"the RTMP server hands on the stream: {probe.stdout!r}")
+    wait_for("the service was told the stream is on", lambda: "live" in platform_states(host))
+    wait_for("the dock shows an upload rate above zero", lambda: any(
+        re.fullmatch(r"\d+\.\d\d Mbps", label.name) and float(label.name.split()[0]) > 0
+        for label in host.shown("label", dock=DOCK)))
+    check(any(label.name in ("Excellent", "Good", "Needs attention")
+              for label in host.shown("label", dock=DOCK)), "and a verdict")
+    wait_for("the platforms line counts the live channels", lambda: any(
+        label.name.startswith("3 live / ") for label in host.shown("label", dock=DOCK)))
+    host.screenshot("health.png")
+    press(host.shown("button", "Stop Streaming", DOCK)[0])
+    wait_for("Stop Streaming ends the stream", lambda: host.shown(
+        "button", "Start Streaming", DOCK), 20)
+    wait_for("the service was told the stream is off", lambda: "live" not in platform_states(host))

@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// OBS's streaming service from the account's ingest, the streaming events, and the Stream
+// Health dock's figures and button.
+#include "fixture.h"
+
+#include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QPushButton>
+#include <QStackedWidget>
+#include <QThread>
+
+#include <obs-frontend-api.h>
+
+namespace {
+const QStringList serviceCalls = QString("data_create,data_set_string server,data_set_string key,"
+                                         "data_set_bool use_auth false,service_create rtmp_custom "
+                                         "Tessivane,data_release,set_streaming_service,"
+                                         "save_streaming_service,service_release")
+                                     .split(',');
+const QStringList sampleCalls = QString("streaming_active,get_main_window,get_streaming_output,"
+                                        "output_get_total_bytes,output_get_total_frames,"
+                                        "output_get_frames_dropped,output_release")
+                                    .split(',');
+
+struct IngestRow {
+    const char *tag;
+    QJsonObject ingest;
+    bool refused;
+    const char *server; // empty: the earlier service stays
+};
+const IngestRow ingestRows[] = {
+    {"trimmed", {{"server", " rtmp://a/live "}, {"streamKey", " k "}}, false, "rtmp://a/live"},
+    {"blank server",
+     {{"server", " "}, {"ingestUrl", " rtmp://b "}, {"streamKey", "k"}},
+     false,
+     "rtmp://b"},
+    {"server first",
+     {{"server", "rtmp://a"}, {"ingestUrl", "rtmp://b"}, {"streamKey", "k"}},
+     false,
+     "rtmp://a"},
+    {"no key", {{"server", "rtmp://a"}, {"streamKey", " "}}, false, ""},
+    {"no server", {{"server", 7}, {"streamKey", "k"}}, false, ""},
+    {"refused by OBS", {{"server", "rtmp://a"}, {"streamKey", "k"}}, true, ""},
+};
+
+struct EventRow {
+    const char *tag;
+    int event;
+    bool signedIn, refreshed;
+    const char *state;   // the body posted first, if any
+    const char *targets; // all the targets, sorted
+};
+const char reload[] = "/api/channels /api/live/stats /api/stream/state";
+const EventRow eventRows[] = {
+    {"starting", OBS_FRONTEND_EVENT_STREAMING_STARTING, true, false, "", "/api/channels"},
+    {"starting, signed out", OBS_FRONTEND_EVENT_STREAMING_STARTING, false, false, "", ""},
+    {"started", OBS_FRONTEND_EVENT_STREAMING_STARTED, true, true, R"({"active":true})", reload},
+    {"started, signed out", OBS_FRONTEND_EVENT_STREAMING_STARTED, false, true, "", ""},
+    {"stopping", OBS_FRONTEND_EVENT_STREAMING_STOPPING, true, false, "", ""},
+    {"stopped", OBS_FRONTEND_EVENT_STREAMING_STOPPED, true, true, R"({"active":false})", reload},
+    {"stopped, signed out", OBS_FRONTEND_EVENT_STREAMING_STOPPED, false, true, "", ""},
+};
+
+struct FigureRow {
+    const char *tag;
+    bool active, output;
+    int frames, dropped;
+    const char *shown; // verdict, dropped frames, caption
+};
+const FigureRow figureRows[] = {
+    {"idle", false, true, 1000, 30, "Ready|0 (0.00%)|Start Streaming"},
+    {"0.3%", true, true, 1000, 3, "Excellent|3 (0.30%)|Stop Streaming"},
+    {"0.5%", true, true, 1000, 5, "Good|5 (0.50%)|Stop Streaming"},
+    {"1.999%", true, true, 100000, 1999, "Good|1999 (2.00%)|Stop Streaming"},
+    {"2.0%", true, true, 1000, 20, "Needs attention|20 (2.00%)|Stop Streaming"},
+    {"no frame yet", true, true, 0, 0, "Excellent|0 (0.00%)|Stop Streaming"},
+    {"no output", true, false, 1000, 500, "Excellent|0 (0.00%)|Stop Streaming"},
+};
+
+template <typename Row, size_t n> void addRows(const Row (&rows)[n])
+{
+    QTest::addColumn<int>("row");
+    for (size_t i = 0; i < n; ++i)
+        QTest::newRow(rows[i].tag) << int(i);
+}
+
+QVariantMap service(const QString &server, const QString &key)
+{
+    return {{"server", server}, {"key", key}, {"use_auth", false}};
+}
+} // namespace
+
+class TestHealth : public ControllerTest {
+    Q_OBJECT
+
+    hostDouble::Streaming &host() { return hostDouble::streaming(); }
+    QString status() const
+    {
+        auto *stack = panel("tessivane.account")->findChild<QStackedWidget *>();
+        return stack->widget(0)->findChildren<QLabel *>().constLast()->text();
+    }
+    // Connection Health, Upload, Dropped Frames, Optimization, Platforms, and the caption.
+    QStringList shown() const
+    {
+        QStringList texts;
+        QWidget *dock = panel("tessivane.stream-health");
+        for (QLabel *label : dock->findChildren<QLabel *>("TessivaneValue"))
+            texts << label->text();
+        return texts << dock->findChild<QPushButton *>()->text();
+    }
+    // Clicks Start/Stop and answers the host calls it made.
+    QStringList click()
+    {
+        hostDouble::calls().clear();
+        panel("tessivane.stream-health")->findChild<QPushButton *>()->click();
+        return hostDouble::calls();
+    }
+    QString sample(quint64 bytes)
+    {
+        host().totalBytes = bytes;
+        controller_->refreshHealth();
+        return shown()[1];
+    }
+
+private Q_SLOTS:
+    void ingestReplacesTheStreamingService_data() { addRows(ingestRows); }
+    void ingestReplacesTheStreamingService()
+    {
+        QFETCH(int, row);
+        const IngestRow &data = ingestRows[row];
+        const QString server = data.server;
+        QVERIFY(start());
+        api().setSessionToken("tok");
+        Q_EMIT api().ingestLoaded({{"server", "rtmp://old"}, {"streamKey", "old"}});
+        hostDouble::calls().clear();
+        Q_EMIT api().requestFailed("", ""); // empties the status line
+        host().refuseService = data.refused;
+
+        Q_EMIT api().ingestLoaded(data.ingest);
+        QCOMPARE(hostDouble::calls(), data.refused       ? serviceCalls.mid(0, 6)
+                                      : server.isEmpty() ? QStringList()
+                                                         : serviceCalls);
+        QCOMPARE(host().saved,
+                 server.isEmpty() ? service("rtmp://old", "old") : service(server, "k"));
+        QCOMPARE(status(),
+                 server.isEmpty() ? ": " : "OBS is ready with this account's unique stream key.");
+        // The flag decides what Start Streaming does: start, or ask for the ingest again.
+        QCOMPARE(click().contains("streaming_start"), !server.isEmpty());
+        QCOMPARE(settledTargets(), server.isEmpty() ? QList<QByteArray>{"/api/stream-engine/ingest"}
+                                                    : QList<QByteArray>());
+    }
+
+    void signOutEmptiesTheServiceAndStartWaitsForAnIngest()
+    {
+        QVERIFY(start());
+        Q_EMIT api().ingestLoaded({{"server", "rtmp://a"}, {"streamKey", "k"}});
+        hostDouble::calls().clear();
+        Q_EMIT api().signedOut();
+        QCOMPARE(hostDouble::calls(), serviceCalls);
+        QCOMPARE(host().saved, service("", ""));
+        // Signed out: the text each time, and no start and no request however often.
+        for (int i = 0; i < 2; ++i) {
+            QCOMPARE(click(), QStringList{"streaming_active"});
+            QCOMPARE(status(),
+                     "Preparing this account's unique stream key. Try again in a moment.");
+        }
+        QCOMPARE(settledTargets(), QList<QByteArray>());
+        // Signed in, the first click only asks; once the record is in, the next one starts.
+        api().setSessionToken("tok");
+        service_.replies["/api/stream-engine/ingest"].body = R"({"ingestUrl":"x","streamKey":"k"})";
+        QCOMPARE(click(), QStringList{"streaming_active"});
+        QCOMPARE(settledTargets(), QList<QByteArray>{"/api/stream-engine/ingest"});
+        QCOMPARE(click(), QStringList({"streaming_active", "streaming_start"}));
+        host().active = true;
+        QCOMPARE(click(), QStringList({"streaming_active", "streaming_stop"}));
+    }
+
+    void streamingEventsReachTheService_data() { addRows(eventRows); }
+    void streamingEventsReachTheService()
+    {
+        QFETCH(int, row);
+        const EventRow &data = eventRows[row];
+        QVERIFY(start());
+        api().setSessionToken(data.signedIn ? "tok" : "");
+        hostDouble::calls().clear();
+        controller_->handleFrontendEvent(data.event);
+        QCOMPARE(hostDouble::calls().contains("streaming_active"), data.refreshed);
+        QCOMPARE(settledTargets(), QByteArray(data.targets).split(' ').mid(*data.targets ? 0 : 1));
+        // The state goes first; its success reloads the channels and the platforms.
+        if (*data.state)
+            QCOMPARE(service_.requests[0].target + service_.requests[0].body,
+                     "/api/stream/state" + QByteArray(data.state));
+    }
+
+    void healthFiguresFollowTheOutput_data() { addRows(figureRows); }
+    void healthFiguresFollowTheOutput()
+    {
+        QFETCH(int, row);
+        const FigureRow &data = figureRows[row];
+        QVERIFY(start());
+        host() = {data.active, data.output, 0, data.frames, data.dropped, false, {}};
+        hostDouble::calls().clear();
+        controller_->refreshHealth();
+        const QStringList texts = shown();
+        QCOMPARE(QStringList({texts[0], texts[2], texts[5]}).join('|'), data.shown);
+        QCOMPARE(texts[3], "Automatic routing (source quality)");
+        QCOMPARE(hostDouble::calls(), sampleCalls.mid(0, !data.active ? 2 : data.output ? 7 : 3));
+    }
+
+    void uploadRateIsGuarded()
+    {
+        QVERIFY(start());
+        host().active = true;
+        QCOMPARE(shown()[1], "0.00 Mbps"); // the start's own sample
+        // Back to back, the interval reads 0 or 1 ms and divides as 1.
+        QElapsedTimer clock;
+        clock.start();
+        controller_->refreshHealth();
+        const QString fast = sample(1000);
+        if (clock.elapsed() < 2)
+            QCOMPARE(fast, "8.00 Mbps");
+        // A counter that went back gives no rate, and the next sample counts from it.
+        QCOMPARE(sample(500), "0.00 Mbps");
+        // Decimal megabits over the true interval: 2,500,000 bytes in 200 ms or a bit more.
+        clock.restart();
+        QThread::msleep(200);
+        const QString text = sample(2500500);
+        const double mbps = text.chopped(5).toDouble();
+        QVERIFY2(mbps <= 100.0 && mbps >= 2e7 / (clock.elapsed() + 2) / 1000, qPrintable(text));
+        QVERIFY2(QRegularExpression(R"(^\d+\.\d\d Mbps$)").match(text).hasMatch(),
+                 qPrintable(text));
+        // OBS deletes its docks at exit before the module goes; a sample then writes nowhere.
+        delete hostDouble::dock("tessivane.stream-health");
+        controller_->refreshHealth();
+    }
+
+    void platformsLineCountsLiveStatuses()
+    {
+        QVERIFY(start());
+        const char *channels = R"([{"selected":true},{"selected":true},{},{"selected":true}])";
+        Q_EMIT api().channelsLoaded(QJsonDocument::fromJson(channels).array(), {});
+        Q_EMIT api().liveStatsLoaded({});
+        QCOMPARE(shown()[4], "3 selected");
+        const char *stats =
+            R"([{"status":"LIVE"},{"status":" live"},{"status":"connected"},{},{"status":1}])";
+        Q_EMIT api().liveStatsLoaded(QJsonDocument::fromJson(stats).array());
+        QCOMPARE(shown()[4], "2 live / 3 selected");
+    }
+};
+
+QTEST_MAIN(TestHealth)
+#include "test-health.moc"
