@@ -47,7 +47,11 @@ bool ScriptedService::listen(quint16 port)
     config.setLocalCertificateChain(QSslCertificate::fromData(readFile("server.pem")));
     config.setPrivateKey(QSslKey(readFile("server-key.pem"), QSsl::Ec));
     server->setSslConfiguration(config);
-    return server->listen(QHostAddress::LocalHost, port) && http_.bind(server);
+    if (!server->listen(QHostAddress::LocalHost, port)) {
+        qWarning("Cannot listen on 127.0.0.1:%d: %s", port, qPrintable(server->errorString()));
+        return false;
+    }
+    return http_.bind(server);
 }
 
 QUrl ScriptedService::baseUrl() const
