@@ -4,6 +4,7 @@
 #include "tessivane-widgets.h"
 
 #include <QLabel>
+#include <QPushButton>
 #include <QVBoxLayout>
 
 QWidget *TessivaneController::buildHealthDock()
@@ -12,6 +13,7 @@ QWidget *TessivaneController::buildHealthDock()
     QVBoxLayout *layout = rootLayout(root, 12, 8);
     layout->addWidget(heading(QStringLiteral("Stream Health"), root));
     layout->addStretch(1);
+    connect(checkUpdatesButton_, &QPushButton::clicked, this, [this]() { checkForUpdates(true); });
     return root;
 }
 
