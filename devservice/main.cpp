@@ -4,6 +4,7 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
+#include <QHash>
 #include <QSocketNotifier>
 
 #include <csignal>
@@ -62,7 +63,17 @@ int main(int argc, char *argv[])
         QStringLiteral("plain"),
         QStringLiteral("Serve plain HTTP instead of HTTPS, for clients that can't be made to "
                        "trust the development CA."));
-    parser.addOptions({portOption, certOption, keyOption, plainOption});
+    const QCommandLineOption releaseOption(
+        QStringLiteral("release"),
+        QStringLiteral("What the release endpoint offers: current (the default), newer, "
+                       "wrong-digest, http, redirect-to-http or missing."),
+        QStringLiteral("KIND"), QStringLiteral("current"));
+    const QCommandLineOption resumeOption(
+        QStringLiteral("resume-session"),
+        QStringLiteral("Keep a session token of an earlier run valid for the demo account."),
+        QStringLiteral("TOKEN"));
+    parser.addOptions(
+        {portOption, certOption, keyOption, plainOption, releaseOption, resumeOption});
     parser.process(app);
 
     bool portOk = false;
@@ -72,12 +83,30 @@ int main(int argc, char *argv[])
         return 2;
     }
 
+    using Release = DevService::Release;
+    const QHash<QString, Release> releases = {
+        {QStringLiteral("current"), Release::Current},
+        {QStringLiteral("newer"), Release::Newer},
+        {QStringLiteral("wrong-digest"), Release::WrongDigest},
+        {QStringLiteral("http"), Release::Http},
+        {QStringLiteral("redirect-to-http"), Release::RedirectToHttp},
+        {QStringLiteral("missing"), Release::Missing},
+    };
+    const QString release = parser.value(releaseOption);
+    if (!releases.contains(release)) {
+        std::fprintf(stderr, "tessivane-dev-service: unknown --release %s\n", qPrintable(release));
+        return 2;
+    }
+
     if (!quitOnTerminationSignals(app)) {
         std::perror("tessivane-dev-service: cannot install signal handlers");
         return 1;
     }
 
     DevService service;
+    service.setRelease(releases.value(release));
+    if (parser.isSet(resumeOption))
+        service.resumeSession(parser.value(resumeOption));
     QString error;
     const bool listening = parser.isSet(plainOption)
                                ? service.listenPlain(quint16(port), &error)
