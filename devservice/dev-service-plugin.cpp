@@ -53,7 +53,12 @@ void DevService::routePlugin()
                });
            });
 
-    handle(installerPath, Method::Get, [this, installerPath](const QHttpServerRequest &) {
+    handle(installerPath, Method::Get, [this, installerPath](const QHttpServerRequest &request) {
+        // The installer's host never needs the session; one that arrives here is refused, so that
+        // a leak shows as a failed download.
+        if (!request.value("Authorization").isEmpty())
+            return errorResponse(QHttpServerResponse::StatusCode::BadRequest,
+                                 QStringLiteral("An installer download carries no session."));
         if (release_ == Release::Missing)
             return errorResponse(QHttpServerResponse::StatusCode::NotFound,
                                  QStringLiteral("No installer is served in this run."));

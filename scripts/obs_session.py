@@ -4,7 +4,7 @@
 the development service, and OBS trusting the development CA. scripts/run uses it with the
 streamer's own home; the real-host test with a home of its own.
 
-    obs_session.py --dev-service BINARY --port N --logs DIR [-- OBS ARGUMENTS]"""
+    obs_session.py --dev-service BINARY --port N --logs DIR [--release KIND] [-- OBS ARGUMENTS]"""
 
 import argparse
 import contextlib
@@ -22,7 +22,7 @@ SOURCE = Path(__file__).resolve().parents[1]
 
 class Session:
     def __init__(self, logs, port):
-        self.logs, self.port, self.procs = Path(logs), port, []
+        self.logs, self.port, self.procs, self.service = Path(logs), port, [], None
         self.logs.mkdir(parents=True, exist_ok=True)
 
     def start(self, name, argv, env=None, stdout=None, log=True):
@@ -49,12 +49,16 @@ class Session:
         while self.procs:
             self.stop(self.procs[-1])
 
-    def start_service(self, binary):
-        """Starts the development service on the session's port; returns the line it announces
-        itself with once it listens, or an empty one."""
-        proc = self.start("dev-service", [binary, "--port", self.port], stdout=subprocess.PIPE)
-        ready = select.select([proc.stdout], [], [], 20)[0]
-        return proc.stdout.readline().decode().strip() if ready else ""
+    def start_service(self, binary, *switches):
+        """Starts the development service on the session's port with the given switches, after
+        ending the one this session started before; returns the line it announces itself with
+        once it listens, or an empty one."""
+        if self.service in self.procs:
+            self.stop(self.service)
+        self.service = self.start("dev-service", [binary, "--port", self.port, *switches],
+                                  stdout=subprocess.PIPE)
+        ready = select.select([self.service.stdout], [], [], 20)[0]
+        return self.service.stdout.readline().decode().strip() if ready else ""
 
     def start_obs(self, *args, env=None, log=True):
         # with-dev-ca execs OBS, which keeps the pid.
@@ -67,13 +71,15 @@ def main():
     parser.add_argument("--dev-service", required=True, help="the tessivane-dev-service binary")
     parser.add_argument("--port", type=int, required=True, help="port of the service origin")
     parser.add_argument("--logs", required=True, help="folder for the services' logs")
+    parser.add_argument("--release", default="current",
+                        help="what the service's release endpoint offers (devservice/README.md)")
     parser.add_argument("obs_args", nargs="*", help="passed on to OBS")
     args = parser.parse_args()
     sys.stdout.reconfigure(line_buffering=True)
     session = Session(args.logs, args.port)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     try:
-        line = session.start_service(args.dev_service)
+        line = session.start_service(args.dev_service, "--release", args.release)
         if not line:
             sys.exit(f"The development service did not start: see {args.logs}/dev-service.log")
         print(line)
