@@ -170,7 +170,7 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
                                    .filePath(QStringLiteral("TessivaneUpdates"));
         // A folder that can't be made shows up as a file that can't be opened.
         QDir().mkpath(folder);
-        // The name is used as it came: the digest vouches for the bytes, not for the name.
+        // The name is taken as the release gives it, folders and all.
         const QString path = QDir(folder).filePath(name);
         QFile file(path);
         if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||

@@ -41,6 +41,7 @@ def run(host):
     installer = host.tmp / "TessivaneUpdates" / release["name"]
     wait_for("the label says it is verified",
              lambda: host.shown("label", "Update verified. Opening installer..."))
+    host.screenshot("update-verified.png")
     check(hashlib.sha256(installer.read_bytes()).hexdigest() == release["sha256"],
           f"{installer} has the served digest")
     wait_for("it is handed to the system", lambda: installer.as_uri() in read(host.opened), 10)
