@@ -332,6 +332,11 @@ QString DevService::newSessionToken() const
         bytes.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals));
 }
 
+void DevService::resumeSession(const QString &token)
+{
+    sessions_.insert(token, accounts_.constFirst().id);
+}
+
 const DevService::Account *DevService::findAccount(const QString &email) const
 {
     const QString wanted = email.trimmed();

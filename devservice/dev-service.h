@@ -32,6 +32,15 @@ public:
     // The port of the RTMP server on 127.0.0.1 that the accounts' ingest points at.
     void setIngestPort(quint16 port);
 
+    // What the release endpoint offers, for trying each outcome of an update by hand: the
+    // plug-in's own version, or a newer release whose installer is served as it is, with a digest
+    // of other bytes, at an http address, through a redirect to http, or not at all.
+    enum class Release { Current, Newer, WrongDigest, Http, RedirectToHttp, Missing };
+    void setRelease(Release release) { release_ = release; }
+    // Keeps a session of an earlier run of the service valid for the demo account, so that a
+    // signed-in OBS stays signed in across a restart.
+    void resumeSession(const QString &token);
+
     // A JSON object {"error": message}.
     static QHttpServerResponse errorResponse(QHttpServerResponse::StatusCode status,
                                              const QString &message);
@@ -90,6 +99,8 @@ private:
     QList<Account> accounts_;
     QList<Channel> channels_;
     QHash<QString, QString> sessions_; // token -> account id
+    QByteArray installer_;             // built at start, offered by the newer releases
+    Release release_ = Release::Current;
     QHttpServer http_;
     QTcpServer *server_ = nullptr;
     bool plain_ = false;

@@ -4,6 +4,7 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
+#include <QHash>
 #include <QSocketNotifier>
 
 #include <csignal>
@@ -78,13 +79,38 @@ int main(int argc, char *argv[])
         QStringLiteral("rtmp-port"),
         QStringLiteral("Port of the RTMP server on 127.0.0.1 that the ingest points at."),
         QStringLiteral("N"), QStringLiteral("1935"));
-    parser.addOptions({portOption, certOption, keyOption, plainOption, rtmpPortOption});
+    const QCommandLineOption releaseOption(
+        QStringLiteral("release"),
+        QStringLiteral("What the release endpoint offers: current (the default), newer, "
+                       "wrong-digest, http, redirect-to-http or missing."),
+        QStringLiteral("KIND"), QStringLiteral("current"));
+    const QCommandLineOption resumeOption(
+        QStringLiteral("resume-session"),
+        QStringLiteral("Keep a session token of an earlier run valid for the demo account."),
+        QStringLiteral("TOKEN"));
+    parser.addOptions({portOption, certOption, keyOption, plainOption, rtmpPortOption,
+                       releaseOption, resumeOption});
     parser.process(app);
 
     const int port = portValue(parser, portOption, 0);
     const int rtmpPort = portValue(parser, rtmpPortOption, 1);
     if (port < 0 || rtmpPort < 0)
         return 2;
+
+    using Release = DevService::Release;
+    const QHash<QString, Release> releases = {
+        {QStringLiteral("current"), Release::Current},
+        {QStringLiteral("newer"), Release::Newer},
+        {QStringLiteral("wrong-digest"), Release::WrongDigest},
+        {QStringLiteral("http"), Release::Http},
+        {QStringLiteral("redirect-to-http"), Release::RedirectToHttp},
+        {QStringLiteral("missing"), Release::Missing},
+    };
+    const QString release = parser.value(releaseOption);
+    if (!releases.contains(release)) {
+        std::fprintf(stderr, "tessivane-dev-service: unknown --release %s\n", qPrintable(release));
+        return 2;
+    }
 
     if (!quitOnTerminationSignals(app)) {
         std::perror("tessivane-dev-service: cannot install signal handlers");
@@ -93,6 +119,9 @@ int main(int argc, char *argv[])
 
     DevService service;
     service.setIngestPort(quint16(rtmpPort));
+    service.setRelease(releases.value(release));
+    if (parser.isSet(resumeOption))
+        service.resumeSession(parser.value(resumeOption));
     QString error;
     const bool listening = parser.isSet(plainOption)
                                ? service.listenPlain(quint16(port), &error)

@@ -4,7 +4,8 @@
 the development service, the RTMP server its ingest points at, and OBS trusting the development
 CA. scripts/run uses it with the streamer's own home; the real-host test with a home of its own.
 
-    obs_session.py --dev-service BINARY --port N [--rtmp-port N] --logs DIR [-- OBS ARGUMENTS]"""
+    obs_session.py --dev-service BINARY --port N [--rtmp-port N] --logs DIR [--release KIND]
+                   [-- OBS ARGUMENTS]"""
 
 import argparse
 import contextlib
@@ -24,7 +25,8 @@ SOURCE = Path(__file__).resolve().parents[1]
 
 class Session:
     def __init__(self, logs, port, rtmp_port=1935):
-        self.logs, self.port, self.rtmp_port, self.procs = Path(logs), port, rtmp_port, []
+        self.logs, self.port, self.rtmp_port = Path(logs), port, rtmp_port
+        self.procs, self.service = [], None
         self.logs.mkdir(parents=True, exist_ok=True)
 
     def start(self, name, argv, env=None, stdout=None, log=True):
@@ -51,13 +53,16 @@ class Session:
         while self.procs:
             self.stop(self.procs[-1])
 
-    def start_service(self, binary):
-        """Starts the development service on the session's port; returns the line it announces
-        itself with once it listens, or an empty one."""
-        proc = self.start("dev-service", [binary, "--port", self.port, "--rtmp-port",
-                                          self.rtmp_port], stdout=subprocess.PIPE)
-        ready = select.select([proc.stdout], [], [], 20)[0]
-        return proc.stdout.readline().decode().strip() if ready else ""
+    def start_service(self, binary, *switches):
+        """Starts the development service on the session's port with the given switches, after
+        ending the one this session started before; returns the line it announces itself with
+        once it listens, or an empty one."""
+        if self.service in self.procs:
+            self.stop(self.service)
+        self.service = self.start("dev-service", [binary, "--port", self.port, "--rtmp-port",
+                                                  self.rtmp_port, *switches], stdout=subprocess.PIPE)
+        ready = select.select([self.service.stdout], [], [], 20)[0]
+        return self.service.stdout.readline().decode().strip() if ready else ""
 
     def start_ingest(self):
         """Starts nginx as the RTMP server on 127.0.0.1 and the session's RTMP port, with the
@@ -91,6 +96,8 @@ def main():
     parser.add_argument("--rtmp-port", type=int, default=1935,
                         help="port of the RTMP server the ingest points at (default 1935)")
     parser.add_argument("--logs", required=True, help="folder for the services' logs")
+    parser.add_argument("--release", default="current",
+                        help="what the service's release endpoint offers (devservice/README.md)")
     parser.add_argument("obs_args", nargs="*", help="passed on to OBS")
     args = parser.parse_args()
     sys.stdout.reconfigure(line_buffering=True)
@@ -102,7 +109,7 @@ def main():
         else:
             print(f"The RTMP server did not start (see {args.logs}/rtmp/error.log); streams go "
                   f"to whatever else listens on 127.0.0.1:{args.rtmp_port}")
-        line = session.start_service(args.dev_service)
+        line = session.start_service(args.dev_service, "--release", args.release)
         if not line:
             sys.exit(f"The development service did not start: see {args.logs}/dev-service.log")
         print(line)

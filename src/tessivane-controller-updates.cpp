@@ -2,17 +2,186 @@
 // Finding a newer release of the plug-in, and its verified download.
 #include "tessivane-controller.h"
 
+#include <QCryptographicHash>
+#include <QDesktopServices>
+#include <QDir>
+#include <QFile>
+#include <QLabel>
+#include <QList>
+#include <QMessageBox>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QPointer>
+#include <QPushButton>
+#include <QRegularExpression>
+#include <QStandardPaths>
+
+#include <obs-frontend-api.h>
+
+namespace {
+constexpr QLatin1String pluginVersion("0.3.3");
+constexpr char updaterUserAgent[] = "Tessivane-OBS-Plugin-Updater/0.3.3";
+constexpr qsizetype sha256HexLength = 64;
+
+QWidget *mainWindow()
+{
+    return static_cast<QWidget *>(obs_frontend_get_main_window());
+}
+
+void showUpdateError(const QString &text)
+{
+    QMessageBox::critical(mainWindow(), QStringLiteral("Tessivane Update"), text, QMessageBox::Ok);
+}
+
+void setText(QLabel *label, const QString &text)
+{
+    if (label)
+        label->setText(text);
+}
+
+void setEnabled(QPushButton *button, bool enabled)
+{
+    if (button)
+        button->setEnabled(enabled);
+}
+
+// "v1.2.3-beta" gives 1, 2, 3: a pre-release compares equal to its release, and a piece that is
+// not a number, or too large for an int, counts as 0.
+QList<int> versionParts(const QString &version)
+{
+    static const QRegularExpression leadingV(QStringLiteral("^[vV]"));
+    const QStringList pieces = version.trimmed().remove(leadingV).split(u'.', Qt::KeepEmptyParts);
+    QList<int> parts;
+    for (const QString &piece : pieces)
+        parts.append(piece.section(u'-', 0, 0).toInt());
+    while (parts.size() < 3)
+        parts.append(0);
+    return parts;
+}
+
+bool isNewer(const QString &version)
+{
+    const QList<int> latest = versionParts(version);
+    const QList<int> current = versionParts(pluginVersion);
+    for (qsizetype i = 0; i < qMax(latest.size(), current.size()); ++i) {
+        if (latest.value(i) != current.value(i))
+            return latest.value(i) > current.value(i);
+    }
+    return false;
+}
+} // namespace
+
 void TessivaneController::checkForUpdates(bool manual)
 {
-    Q_UNUSED(manual)
+    // A timer check that starts during a manual one takes the information box away from it.
+    manualUpdateCheck_ = manual;
+    setEnabled(checkUpdatesButton_, false);
+    setText(updateStatusLabel_, QStringLiteral("Checking for updates..."));
+    api_.fetchLatestPluginRelease();
 }
 
 void TessivaneController::handlePluginRelease(const QJsonObject &release)
 {
-    Q_UNUSED(release)
+    setEnabled(checkUpdatesButton_, true);
+    const QString version = release.value(QStringLiteral("version")).toString().trimmed();
+    if (!release.value(QStringLiteral("available")).toBool() || !isNewer(version)) {
+        setText(updateStatusLabel_,
+                QStringLiteral("Tessivane OBS Plugin v%1 is up to date.").arg(pluginVersion));
+        if (manualUpdateCheck_)
+            QMessageBox::information(mainWindow(), QStringLiteral("Tessivane Updates"),
+                                     QStringLiteral("You already have the latest version."),
+                                     QMessageBox::Ok);
+        manualUpdateCheck_ = false;
+        return;
+    }
+
+    setText(updateStatusLabel_, QStringLiteral("Version %1 is available.").arg(version));
+    // Timers and replies go on inside the question's event loop; one question at a time.
+    if (updatePromptOpen_) {
+        manualUpdateCheck_ = false;
+        return;
+    }
+    updatePromptOpen_ = true;
+    const QPointer<TessivaneController> self(this);
+    const QMessageBox::StandardButton answer = QMessageBox::question(
+        mainWindow(), QStringLiteral("Tessivane Update Available"),
+        QStringLiteral("Tessivane OBS Plugin %1 is available.\n\nDownload the verified installer "
+                       "and begin the update now?")
+            .arg(version),
+        QMessageBox::Yes | QMessageBox::No, QMessageBox::Yes);
+    // OBS may have unloaded the module while the question was open.
+    if (!self)
+        return;
+    updatePromptOpen_ = false;
+    manualUpdateCheck_ = false;
+    if (answer == QMessageBox::Yes)
+        downloadAndInstallUpdate(release);
 }
 
 void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
 {
-    Q_UNUSED(release)
+    const QUrl url(release.value(QStringLiteral("url")).toString(), QUrl::TolerantMode);
+    const QString sha256 = release.value(QStringLiteral("sha256")).toString().trimmed().toLower();
+    const QString name = release.value(QStringLiteral("name")).toString().trimmed();
+    if (!url.isValid() || url.scheme() != QLatin1String("https") ||
+        sha256.size() != sha256HexLength || name.isEmpty()) {
+        showUpdateError(QStringLiteral("The update metadata could not be verified."));
+        return;
+    }
+
+    setEnabled(checkUpdatesButton_, false);
+    setText(updateStatusLabel_, QStringLiteral("Downloading %1...").arg(name));
+
+    // A manager of its own, so that neither the session token nor the client's headers ever
+    // reach the installer's host.
+    QNetworkRequest request(url);
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QVariant(int(QNetworkRequest::NoLessSafeRedirectPolicy)));
+    request.setRawHeader("Accept", "application/octet-stream");
+    request.setRawHeader("User-Agent", updaterUserAgent);
+    QNetworkReply *reply = downloadManager_->get(request);
+
+    connect(reply, &QNetworkReply::finished, this, [this, reply, sha256, name]() {
+        // The installer stays in memory until its digest has matched: no unverified byte is
+        // ever written.
+        const QByteArray body = reply->readAll();
+        const QString errorText =
+            reply->error() != QNetworkReply::NoError ? reply->errorString() : QString();
+        reply->deleteLater();
+        setEnabled(checkUpdatesButton_, true);
+
+        if (!errorText.isEmpty()) {
+            setText(updateStatusLabel_, QStringLiteral("Update download failed."));
+            showUpdateError(QStringLiteral("Download failed: %1").arg(errorText));
+            return;
+        }
+        const QString digest =
+            QString::fromLatin1(QCryptographicHash::hash(body, QCryptographicHash::Sha256).toHex())
+                .toLower();
+        if (digest != sha256) {
+            setText(updateStatusLabel_, QStringLiteral("Update verification failed."));
+            showUpdateError(QStringLiteral("The installer checksum did not match the signed "
+                                           "release metadata. Nothing was installed."));
+            return;
+        }
+
+        const QString folder = QDir(QStandardPaths::writableLocation(QStandardPaths::TempLocation))
+                                   .filePath(QStringLiteral("TessivaneUpdates"));
+        // A folder that can't be made shows up as a file that can't be opened.
+        QDir().mkpath(folder);
+        // The name is taken as the release gives it, folders and all.
+        const QString path = QDir(folder).filePath(name);
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
+            file.write(body) != body.size()) {
+            showUpdateError(QStringLiteral("The verified installer could not be saved."));
+            return;
+        }
+        file.close();
+
+        setText(updateStatusLabel_, QStringLiteral("Update verified. Opening installer..."));
+        if (!QDesktopServices::openUrl(QUrl::fromLocalFile(path)))
+            showUpdateError(QStringLiteral("The verified installer could not be opened."));
+    });
 }

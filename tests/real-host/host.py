@@ -102,7 +102,14 @@ class Host(Session):
         shutil.copy2(self.args.module, plugin / "bin/64bit/tessivane.so")
         for key in [k for k in os.environ if k.startswith(("XDG_", "WAYLAND", "QT_"))]:
             del os.environ[key]
-        os.environ.update(HOME=str(self.home), LANG="C.UTF-8")
+        # Qt hands a file to the system through the first xdg-open on PATH; this one records it.
+        self.tmp, self.opened, xdg_open = self.run / "tmp", self.run / "opened.txt", self.run / "bin"
+        self.tmp.mkdir()
+        xdg_open.mkdir()
+        (xdg_open / "xdg-open").write_text(f'#!/bin/sh\necho "$@" >>"{self.opened}"\n')
+        (xdg_open / "xdg-open").chmod(0o755)
+        os.environ.update(HOME=str(self.home), LANG="C.UTF-8", TMPDIR=str(self.tmp),
+                          PATH=f"{xdg_open}:{os.environ['PATH']}")
         line = self.start_service(self.args.dev_service)
         check(f"listening on https://127.0.0.1:{self.port}" in line,
               f"the development service runs: {line}")

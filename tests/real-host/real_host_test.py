@@ -10,6 +10,7 @@ import sys
 
 import account
 import health
+import updates
 from host import Host, find
 
 
@@ -18,6 +19,7 @@ def run(host):
     host.start_obs()
     account.sign_in(host)
     health.run(host)
+    updates.run(host)
     host.exit_obs()
     account.restart_and_sign_out(host)
 

@@ -35,8 +35,11 @@ ScriptedService::ScriptedService(QObject *parent) : QObject(parent)
         const Reply reply = replies.value(target, fallback);
         if (reply.status == hold)
             return held_.push_back(std::move(responder));
-        responder.write(reply.body, "application/json",
-                        QHttpServerResponder::StatusCode(reply.status));
+        QHttpHeaders headers;
+        headers.append(QHttpHeaders::WellKnownHeader::ContentType, "application/json");
+        if (!locations.value(target).isEmpty())
+            headers.append(QHttpHeaders::WellKnownHeader::Location, locations.value(target));
+        responder.write(reply.body, headers, QHttpServerResponder::StatusCode(reply.status));
     });
 }
 

@@ -45,6 +45,8 @@ public:
     // The answer to each request for a target; others get `fallback`.
     QHash<QByteArray, Reply> replies;
     Reply fallback;
+    // A Location header for the answer to a target, for redirects.
+    QHash<QByteArray, QByteArray> locations;
     QList<Request> requests;
 
 private:

@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// The release check with its boxes, and the verified download of the installer.
+#include "fixture.h"
+
+#include <QDesktopServices>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTemporaryDir>
+
+namespace {
+const QString question = "Tessivane Update Available|Tessivane OBS Plugin %1 is available.\n\n"
+                         "Download the verified installer and begin the update now?";
+const QString latest = "Tessivane Updates|You already have the latest version.";
+const char upToDate[] = "Tessivane OBS Plugin v0.3.3 is up to date.";
+const char verified[] = "Update verified. Opening installer...",
+           asked[] = "Version 1 is available.";
+const char metadata[] = "The update metadata could not be verified.";
+const char failed[] = "Update download failed.";
+const QByteArray installer = "#!/bin/sh\necho installed\n";
+
+// The release's url (%1: the service's origin, %2: the same over http), sha256 and name; the
+// answer to "/x"; the label and the box at the end.
+struct Download {
+    const char *url;
+    QString sha256;
+    const char *name;
+    int code;
+    const char *location, *label, *box;
+};
+} // namespace
+
+class TestUpdates : public ControllerTest {
+    Q_OBJECT
+    QTemporaryDir tmp_;
+    QStringList boxes_; // title|text of each box, answered with answer_ or else its first button
+    QMessageBox::StandardButton answer_ = QMessageBox::No;
+    std::function<void()> duringBox_;
+    QList<QUrl> opened_;
+
+public:
+    TestUpdates()
+    {
+        // Installers land in a private temporary folder and are handed to this test, not opened.
+        qputenv("TMPDIR", tmp_.path().toUtf8());
+        QDesktopServices::setUrlHandler("file", this, "openUrl");
+        auto *timer = new QTimer(this);
+        connect(timer, &QTimer::timeout, this, [this]() {
+            if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
+                boxes_ << box->windowTitle() + '|' + box->text();
+                if (duringBox_)
+                    std::exchange(duringBox_, {})();
+                QAbstractButton *button = box->button(answer_);
+                (button ? button : box->buttons().constFirst())->click();
+            }
+        });
+        timer->start(5);
+    }
+    Q_SLOT void openUrl(const QUrl &url) { opened_ << url; }
+
+private:
+    static QPushButton *button()
+    {
+        return withText<QPushButton>(panel("tessivane.account"), "Check for Updates");
+    }
+    static QString label() { return button()->parentWidget()->findChildren<QLabel *>()[2]->text(); }
+    void emitRelease(const QString &version)
+    {
+        Q_EMIT api().pluginReleaseLoaded({{"available", true}, {"version", version}});
+    }
+
+private Q_SLOTS:
+    void versionsComparePieceByPiece()
+    {
+        QVERIFY(start());
+        Q_EMIT api().pluginReleaseLoaded({{"version", "9.9.9"}});
+        QCOMPARE(label(), upToDate);
+        QStringList questions;
+        for (const char *version : {"0.3.3", " V1.0 ", "0.3.10", "0.3.4-rc.1", "0.3.3-rc1", "",
+                                    "vv1.0.0", "0.3..4", "0.3.3.1", "0.3.3.0", "0.3.99999999999"}) {
+            boxes_.clear();
+            emitRelease(version);
+            QVERIFY2(!boxes_.isEmpty() || label() == upToDate, version);
+            questions << boxes_;
+        }
+        QCOMPARE(questions, QStringList({question.arg("V1.0"), question.arg("0.3.10"),
+                                         question.arg("0.3.4-rc.1"), question.arg("0.3.3.1")}));
+    }
+
+    void manualAndTimerChecksAndTheOneOpenQuestion()
+    {
+        QVERIFY(start());
+        boxes_.clear();
+        button()->click();
+        QCOMPARE(label(), "Checking for updates...");
+        QVERIFY(!button()->isEnabled());
+        QTRY_COMPARE(boxes_, QStringList{latest}); // a reply of "{}" is up to date
+        // A timer check during a manual one leaves both without the box.
+        button()->click();
+        controller_->checkForUpdates(false);
+        QCOMPARE(settledTargets().size(), 3);
+        QCOMPARE(boxes_.size(), 1);
+        // No starts nothing and takes the manual mark away.
+        service_.fallback = {200, R"({"available":true,"version":"0.3.4"})"};
+        button()->click();
+        QTRY_COMPARE(boxes_.size(), 2);
+        emitRelease("0.3.3");
+        // While the question is open, a newer reply updates the label but asks nothing.
+        duringBox_ = [this]() {
+            emitRelease("0.3.5");
+        };
+        emitRelease("v0.4");
+        QCOMPARE(boxes_, QStringList({latest, question.arg("0.3.4"), question.arg("v0.4")}));
+        QCOMPARE(label(), "Version 0.3.5 is available.");
+        QVERIFY(button()->isEnabled() && controller_->findChildren<QNetworkReply *>().isEmpty());
+    }
+
+    void downloadOutcomes_data()
+    {
+        const QString digest =
+            QCryptographicHash::hash(installer, QCryptographicHash::Sha256).toHex();
+        const QString sha = " " + digest.toUpper() + " ";
+        const Download rows[] = {
+            {"%1/i.pkg", sha, " i.pkg ", 0, "", verified, ""},
+            {"%1/x", sha, "i.pkg", 302, "%1/i.pkg", verified, ""},
+            {"%2/i.pkg", sha, "i.pkg", 0, "", asked, metadata},
+            {"%1/i.pkg", digest.left(63), "i.pkg", 0, "", asked, metadata},
+            {"%1/i.pkg", sha, "  ", 0, "", asked, metadata},
+            {"%1/x", sha, "i.pkg", 404, "", failed,
+             "Download failed: Error transferring %1/x - server replied: Not Found"},
+            {"%1/x", sha, "i.pkg", 302, "%2/i.pkg", failed, "Download failed: Insecure redirect"},
+            {"%1/i.pkg", QString(64, 'z'), "i.pkg", 0, "", "Update verification failed.",
+             "The installer checksum did not match the signed release metadata. Nothing was "
+             "installed."},
+            {"%1/i.pkg", sha, "a/b.pkg", 0, "", "Downloading a/b.pkg...",
+             "The verified installer could not be saved."},
+            // Offscreen, nothing opens files once this test stops taking them.
+            {"%1/i.pkg", sha, "i.pkg", 0, "", verified,
+             "The verified installer could not be opened."}};
+        QTest::addColumn<Download>("row");
+        for (const Download &row : rows)
+            QTest::addRow("%s %s %s", row.url, row.name, row.box) << row;
+    }
+
+    void downloadOutcomes()
+    {
+        QFETCH(Download, row);
+        const QString base = service_.baseUrl().toString();
+        const auto expand = [&](const char *text) {
+            return QString(text).replace("%1", base).replace("%2", "http" + base.mid(5));
+        };
+        const QString box = *row.box ? "Tessivane Update|" + expand(row.box) : "";
+        const bool refused = qstrcmp(row.box, metadata) == 0;
+        QDir folder(tmp_.filePath("TessivaneUpdates"));
+        QFile stale(folder.filePath("i.pkg"));
+        QVERIFY(folder.removeRecursively() && folder.mkpath(".") && stale.open(QFile::WriteOnly));
+        stale.write("stale");
+        stale.close();
+        service_.replies["/i.pkg"] = {200, installer};
+        service_.replies["/x"] = {row.code, "{}"};
+        service_.locations["/x"] = expand(row.location).toUtf8();
+        if (box.endsWith("opened."))
+            QDesktopServices::unsetUrlHandler("file");
+        boxes_.clear();
+        opened_.clear();
+        answer_ = QMessageBox::Yes;
+        QVERIFY(start());
+        api().setSessionToken("secret");
+
+        Q_EMIT api().pluginReleaseLoaded({{"available", true},
+                                          {"version", "1"},
+                                          {"url", expand(row.url)},
+                                          {"sha256", row.sha256},
+                                          {"name", row.name}});
+        QCOMPARE(button()->isEnabled(), refused);
+        QTRY_VERIFY(button()->isEnabled());
+        QDesktopServices::setUrlHandler("file", this, "openUrl");
+        QCOMPARE(label(), row.label);
+        QCOMPARE(boxes_.mid(1), box.isEmpty() ? QStringList() : QStringList{box});
+        QCOMPARE(service_.requests.isEmpty(), refused);
+        // Only the updater's own headers reach the installer's host, never the session.
+        for (const ScriptedService::Request &request : std::as_const(service_.requests))
+            QCOMPARE(request.method + request.header("Accept") + request.header("User-Agent") +
+                         request.header("Authorization"),
+                     "GETapplication/octet-streamTessivane-OBS-Plugin-Updater/0.3.3");
+        const QString path = folder.filePath(QString(row.name).trimmed());
+        QCOMPARE(opened_, box.isEmpty() ? QList{QUrl::fromLocalFile(path)} : QList<QUrl>());
+        QCOMPARE(folder.entryList(QDir::Files), QStringList{"i.pkg"});
+        QVERIFY(stale.open(QFile::ReadOnly));
+        QCOMPARE(stale.readAll(), qstrcmp(row.label, verified) ? "stale" : installer);
+    }
+};
+
+QTEST_MAIN(TestUpdates)
+#include "test-updates.moc"
