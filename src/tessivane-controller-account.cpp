@@ -13,7 +13,6 @@
 #include <QVBoxLayout>
 
 namespace {
-constexpr char pluginVersion[] = "0.3.3";
 constexpr QLatin1String settingsOrganization("Tessivane");
 constexpr QLatin1String settingsApplication("OBS Plugin");
 constexpr QLatin1String sessionTokenKey("sessionToken");
@@ -65,8 +64,8 @@ QWidget *TessivaneController::buildAccountDock()
     accountLayout->addWidget(manageButton);
     checkUpdatesButton_ = new QPushButton(QStringLiteral("Check for Updates"), accountPage);
     accountLayout->addWidget(checkUpdatesButton_);
-    updateStatusLabel_ = muted(
-        QStringLiteral("Tessivane OBS Plugin v%1").arg(QLatin1String(pluginVersion)), accountPage);
+    updateStatusLabel_ =
+        muted(QStringLiteral("Tessivane OBS Plugin v%1").arg(pluginVersion), accountPage);
     accountLayout->addWidget(updateStatusLabel_);
     auto *signOutButton = new QPushButton(QStringLiteral("Sign Out"), accountPage);
     accountLayout->addWidget(signOutButton);

@@ -20,7 +20,6 @@
 #include <obs-frontend-api.h>
 
 namespace {
-constexpr QLatin1String pluginVersion("0.3.3");
 constexpr char updaterUserAgent[] = "Tessivane-OBS-Plugin-Updater/0.3.3";
 constexpr qsizetype sha256HexLength = 64;
 

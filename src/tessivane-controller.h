@@ -23,6 +23,9 @@ class QTextEdit;
 class QTimer;
 class QWidget;
 
+// The plug-in's own version: shown on the Account dock, compared with the latest release.
+inline constexpr QLatin1StringView pluginVersion("0.3.3");
+
 // Owns the client, the five docks' widgets, the timers and the last data from the service.
 class TessivaneController : public QObject {
     Q_OBJECT
