@@ -57,6 +57,7 @@ private:
     using Method = QHttpServerRequest::Method;
     using Handler = std::function<QHttpServerResponse(const QHttpServerRequest &)>;
     using AccountHandler = std::function<QHttpServerResponse(const Account &, const QString &)>;
+    using PostHandler = std::function<QHttpServerResponse(const QString &arg, const QJsonObject &)>;
 
     // One routing function per area of the interface, each in a file of its own but the first
     // two.
@@ -71,6 +72,7 @@ private:
     bool bindServer(QTcpServer *server, quint16 port, QString *error);
     void handle(const QString &path, Method method, Handler handler);
     void handleSignedIn(const QString &path, Method method, AccountHandler handler);
+    void routeSignedInPost(const QString &pattern, PostHandler handler);
 
     QHttpServerResponse login(const QHttpServerRequest &request);
     QString newSessionToken() const;
@@ -80,6 +82,8 @@ private:
 
     QList<Account> accounts_;
     QList<Channel> channels_;
+    QHash<QString, QString> pendingConnections_; // state of a started connection -> provider
+    int nextChannelId_ = 100;
     QHash<QString, QString> sessions_; // token -> account id
     QHttpServer http_;
     QTcpServer *server_ = nullptr;
