@@ -7,6 +7,7 @@
 #include <QJsonDocument>
 #include <QMenu>
 #include <QMessageBox>
+#include <QPushButton>
 #include <QToolButton>
 
 class TestChannels : public ControllerTest {
@@ -82,6 +83,8 @@ private Q_SLOTS:
         QVERIFY(start());
         const QString signedOut = "Sign in to load your connected channels.";
         QCOMPARE(labels("TessivaneMuted"), "0 selected/" + signedOut);
+        withText<QPushButton>(dock(), "Refresh")->click(); // with no guard of its own
+        QCOMPARE(wire(), "GET /api/channels ");
         api().setSessionToken("tok");
         render("[]");
         QCOMPARE(labels("TessivaneMuted"),

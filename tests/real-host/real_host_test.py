@@ -9,13 +9,16 @@ import contextlib
 import sys
 
 import account
+import channels
 from host import Host, find
 
 
 def run(host):
     host.prepare()
+    channels.intercept_browser(host)
     host.start_obs()
     account.sign_in(host)
+    channels.run(host)
     host.exit_obs()
     account.restart_and_sign_out(host)
 
