@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
-"""The Channels dock in a real OBS: the demo channels as cards, a switch, a removal through its
-box, and connecting a platform through the browser."""
+"""The Channels dock in a real OBS: cards, a switch, removal, connecting through the browser."""
 
 import contextlib
 import os
@@ -14,46 +13,43 @@ DOCK = DOCKS[1]
 
 
 def intercept_browser(host):
-    """Before OBS starts: an xdg-open first on PATH that notes the address instead of opening it."""
-    bin_dir, host.opened = host.run / "bin", host.run / "browser.txt"
-    bin_dir.mkdir()
-    (bin_dir / "xdg-open").write_text(f"#!/bin/sh\necho \"$1\" >>'{host.opened}'\n")
-    (bin_dir / "xdg-open").chmod(0o755)
-    os.environ["PATH"] = f"{bin_dir}:{os.environ['PATH']}"
-
-
-def open_modal(node):
-    """Presses a control that opens a box or a menu: OBS answers the bus only once that closes,
-    so the press times out while the box stands."""
-    with contextlib.suppress(GLib.Error):
-        press(node)
+    """Before OBS starts: an xdg-open first on PATH that notes the address it is given."""
+    host.opened, xdg_open = host.run / "browser.txt", host.run / "bin/xdg-open"
+    xdg_open.parent.mkdir()
+    xdg_open.write_text(f"#!/bin/sh\necho \"$1\" >>'{host.opened}'\n")
+    xdg_open.chmod(0o755)
+    os.environ["PATH"] = f"{xdg_open.parent}:{os.environ['PATH']}"
 
 
 def channels(host):
     return {c["name"]: c for c in host.ask_service("/api/channels", host.token)[1]["channels"]}
 
 
-def run(host):
-    print("channels: the demo channels stand as cards", flush=True)
-    for name in channels(host):
-        wait_for(f"a card for \"{name}\"", lambda: host.shown("label", name, DOCK))
-    wait_for("the count line reads 3 of 5", lambda: host.shown("label", "3 of 5 selected", DOCK))
+def card(host, name):
+    return host.shown("label", name, DOCK)
 
-    print("channels: a switch selects a channel on the service", flush=True)
+
+def run(host):
+    print("channels: the demo channels as cards; a switch selects one on the service", flush=True)
+    for name in channels(host):
+        wait_for(f"a card for \"{name}\"", lambda: card(host, name))
+    wait_for("the count line reads 3 of 5", lambda: card(host, "3 of 5 selected"))
     press(host.shown("check box", "Include demostreamer", DOCK)[0])
     wait_for("the service has it selected", lambda: channels(host)["demostreamer"]["selected"])
-    wait_for("the count line follows", lambda: host.shown("label", "4 of 5 selected", DOCK))
+    wait_for("the count line follows", lambda: card(host, "4 of 5 selected"))
 
     print("channels: removal asks first", flush=True)
-    open_modal(host.shown("button", "Remove Demo Streamer Page", DOCK)[0])
+    # OBS answers the bus only once the box it opens closes: the press times out meanwhile.
+    with contextlib.suppress(GLib.Error):
+        press(host.shown("button", "Remove Demo Streamer Page", DOCK)[0])
     box = wait_for("the box asks", lambda: find(host.app, "alert", "Remove Channel")[0])
     press(find(box, "button", "Yes")[0])
-    wait_for("the card is gone", lambda: not host.shown("label", "Demo Streamer Page", DOCK))
+    wait_for("the card is gone", lambda: not card(host, "Demo Streamer Page"))
     check("Demo Streamer Page" not in channels(host), "and so is the channel on the service")
 
     print("channels: connecting Twitch goes through the browser", flush=True)
-    # Qt offers the bus no way to open an instant pop-up menu, nor shows it the menu's entries:
-    # a click opens it, and Down and Return take its first entry, Twitch.
+    # The bus can neither open an instant pop-up menu nor see its entries: a click opens it,
+    # and Down and Return take its first entry, Twitch.
     add = host.shown("button menu", "+ Add Channel", DOCK)[0]
     x, y, width, height = add.queryComponent().getExtents(pyatspi.DESKTOP_COORDS)
     pyatspi.Registry.generateMouseEvent(x + width // 2, y + height // 2, pyatspi.MOUSE_B1C)
@@ -64,8 +60,8 @@ def run(host):
     with urllib.request.urlopen(url, context=host.ca, timeout=10) as page:
         check("return to OBS" in page.read().decode(), f"{url} says to return to OBS")
     press(host.shown("button", "Refresh", DOCK)[0])
-    wait_for("Refresh shows the new channel",
-             lambda: host.shown("label", "Demo Streamer on Twitch", DOCK))
+    wait_for("Refresh shows the new channel", lambda: card(host, "Demo Streamer on Twitch"), 5)
+
     # The other docks step aside for the picture, and come back.
     others = [find(host.window(), "menu item", title)[0] for title in DOCKS if title != DOCK]
     for toggle in others:
