@@ -26,7 +26,7 @@ def channels(host):
 
 
 def run(host):
-    print("channels: the demo channels as cards; a switch selects one on the service", flush=True)
+    print("channels: cards, a switch, removal, connecting Twitch through the browser", flush=True)
     for name in channels(host):
         wait_for(f"a card for \"{name}\"", lambda: host.shown("label", name, DOCK))
     wait_for("the count line reads 3 of 5", lambda: host.shown("label", "3 of 5 selected", DOCK))
@@ -34,7 +34,6 @@ def run(host):
     wait_for("the service has it selected", lambda: channels(host)["demostreamer"]["selected"])
     wait_for("the count line follows", lambda: host.shown("label", "4 of 5 selected", DOCK))
 
-    print("channels: removal asks first", flush=True)
     # OBS answers the bus only once the box it opens closes: the press times out meanwhile.
     with contextlib.suppress(GLib.Error):
         press(host.shown("button", "Remove Demo Streamer Page", DOCK)[0])
@@ -43,7 +42,6 @@ def run(host):
     wait_for("the card is gone", lambda: not host.shown("label", "Demo Streamer Page", DOCK))
     check("Demo Streamer Page" not in channels(host), "and so is the channel on the service")
 
-    print("channels: connecting Twitch goes through the browser", flush=True)
     # The bus can neither open an instant pop-up menu nor see its entries: a click opens it,
     # and Down and Return take its first entry, Twitch.
     add = host.shown("button menu", "+ Add Channel", DOCK)[0]
