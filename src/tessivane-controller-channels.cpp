@@ -16,7 +16,7 @@
 #include <QToolButton>
 #include <QVBoxLayout>
 
-#include <limits>
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -36,7 +36,7 @@ const AddEntry addEntries[] = {
     {"Instagram Live Producer", "Instagram", true},
 };
 
-const QString facebookIngest = QStringLiteral("rtmps://live-api-s.facebook.com:443/rtmp/");
+constexpr char facebookIngest[] = "rtmps://live-api-s.facebook.com:443/rtmp/";
 
 // Three questions; a Cancel or a blank answer at any of them ends the chain with nothing sent.
 // The key lives only in the dialog and the request.
@@ -52,7 +52,8 @@ void addManualDestination(TessivaneApi &api, QWidget *parent, const QString &dis
          QLineEdit::Normal, displayName},
         {QStringLiteral("%1 Live Server"),
          QStringLiteral("Paste the Server URL from %1 Live Producer:"), QLineEdit::Normal,
-         displayName == QLatin1String("Facebook") ? facebookIngest : QString()},
+         displayName == QLatin1String("Facebook") ? QString::fromLatin1(facebookIngest)
+                                                  : QString()},
         {QStringLiteral("%1 Stream Key"),
          QStringLiteral("Paste the stream key. Tessivane encrypts it before storage:"),
          QLineEdit::Password, QString()},
@@ -98,11 +99,8 @@ QString channelId(const QJsonValue &id)
 {
     if (!id.isDouble())
         return id.toString();
-    constexpr double limit = 9.2e18; // inside qint64, so the cast is defined
-    const double value = id.toDouble();
-    if (value >= limit || value <= -limit)
-        return QString::number(value >= limit ? std::numeric_limits<qint64>::max()
-                                              : std::numeric_limits<qint64>::min());
+    // Held inside qint64's range, so that the cast is defined for any number.
+    const double value = std::clamp(id.toDouble(), -9.2e18, 9.2e18);
     return QString::number(static_cast<qint64>(value));
 }
 
