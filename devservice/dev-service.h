@@ -70,6 +70,7 @@ private:
     using Handler = std::function<QHttpServerResponse(const QHttpServerRequest &)>;
     using AccountHandler = std::function<QHttpServerResponse(const Account &, const QString &)>;
     using BodyHandler = std::function<QHttpServerResponse(const Account &, const QJsonObject &)>;
+    using PostHandler = std::function<QHttpServerResponse(const QString &arg, const QJsonObject &)>;
 
     // One routing function per area of the interface, each in a file of its own but the first
     // two.
@@ -89,6 +90,7 @@ private:
     // The handler's answer for the request's account, or a 401.
     QHttpServerResponse answerSignedIn(const QHttpServerRequest &request,
                                        const AccountHandler &handler) const;
+    void routeSignedInPost(const QString &pattern, PostHandler handler);
 
     QHttpServerResponse login(const QHttpServerRequest &request);
     QString newSessionToken() const;
@@ -98,6 +100,8 @@ private:
 
     QList<Account> accounts_;
     QList<Channel> channels_;
+    QHash<QString, QString> pendingConnections_; // state of a started connection -> provider
+    int nextChannelId_ = 100;
     QHash<QString, QString> sessions_; // token -> account id
     QByteArray installer_;             // built at start, offered by the newer releases
     Release release_ = Release::Current;

@@ -40,8 +40,9 @@ def run(host):
         for label in host.shown("label", dock=DOCK)))
     check(any(label.name in ("Excellent", "Good", "Needs attention")
               for label in host.shown("label", dock=DOCK)), "and a verdict")
-    wait_for("the platforms line counts the live channels", lambda: any(
-        label.name.startswith("3 live / ") for label in host.shown("label", dock=DOCK)))
+    live = platform_states(host).count("live")
+    wait_for(f"the platforms line counts the {live} live channels", lambda: any(
+        label.name.startswith(f"{live} live / ") for label in host.shown("label", dock=DOCK)))
     host.screenshot("health.png")
     press(host.shown("button", "Stop Streaming", DOCK)[0])
     wait_for("Stop Streaming ends the stream", lambda: host.shown(

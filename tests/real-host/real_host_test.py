@@ -9,6 +9,7 @@ import contextlib
 import sys
 
 import account
+import channels
 import health
 import updates
 from host import Host, find
@@ -18,6 +19,7 @@ def run(host):
     host.prepare()
     host.start_obs()
     account.sign_in(host)
+    channels.run(host)
     health.run(host)
     updates.run(host)
     host.exit_obs()
