@@ -263,16 +263,22 @@ void DevService::handle(const QString &path, Method method, Handler handler)
 void DevService::handleSignedIn(const QString &path, Method method, AccountHandler handler)
 {
     handle(path, method, [this, handler](const QHttpServerRequest &request) {
-        const QString token = bearerToken(request);
-        if (token.isEmpty())
-            return unauthorized(QStringLiteral("Sign in to continue."));
-        const QString accountId = sessions_.value(token);
-        for (const Account &account : std::as_const(accounts_)) {
-            if (account.id == accountId)
-                return handler(account, token);
-        }
-        return unauthorized(QStringLiteral("Your session has ended. Sign in again."));
+        return answerSignedIn(request, handler);
     });
+}
+
+QHttpServerResponse DevService::answerSignedIn(const QHttpServerRequest &request,
+                                               const AccountHandler &handler) const
+{
+    const QString token = bearerToken(request);
+    if (token.isEmpty())
+        return unauthorized(QStringLiteral("Sign in to continue."));
+    const QString accountId = sessions_.value(token);
+    for (const Account &account : accounts_) {
+        if (account.id == accountId)
+            return handler(account, token);
+    }
+    return unauthorized(QStringLiteral("Your session has ended. Sign in again."));
 }
 
 QHttpServerResponse DevService::login(const QHttpServerRequest &request)

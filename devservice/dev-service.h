@@ -71,6 +71,9 @@ private:
     bool bindServer(QTcpServer *server, quint16 port, QString *error);
     void handle(const QString &path, Method method, Handler handler);
     void handleSignedIn(const QString &path, Method method, AccountHandler handler);
+    // The handler's answer for the request's account, or a 401.
+    QHttpServerResponse answerSignedIn(const QHttpServerRequest &request,
+                                       const AccountHandler &handler) const;
 
     QHttpServerResponse login(const QHttpServerRequest &request);
     QString newSessionToken() const;
@@ -80,6 +83,8 @@ private:
 
     QList<Account> accounts_;
     QList<Channel> channels_;
+    // Each account's last saved stream profile, by account id.
+    QHash<QString, QJsonObject> streamProfiles_;
     QHash<QString, QString> sessions_; // token -> account id
     QHttpServer http_;
     QTcpServer *server_ = nullptr;
