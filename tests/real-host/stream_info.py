@@ -16,6 +16,9 @@ def run(host):
     edit = find(twitch, "text")[0]
     edit.queryEditableText().setTextContents("")
     edit.queryComponent().grabFocus()
+    # Keys typed before OBS's window has taken the focus would go nowhere.
+    wait_for("the Twitch box has the focus", lambda: edit.getState().contains(
+        pyatspi.STATE_FOCUSED))
     for key in "ju":
         pyatspi.Registry.generateKeyboardEvent(ord(key), None, pyatspi.KEY_SYM)
     # The service logs the decoded path: the query shows in it only when its "?" came escaped.
@@ -25,6 +28,8 @@ def run(host):
         item.name for item in find(twitch, "list item") if showing(item)] == [
         "Just Chatting", "Jump King"])
     host.screenshot("stream-information.png")
+    found = host.ask_service("/api/categories%3Fprovider=kick&q=JUST%2520chat", host.token)[1]
+    check(found["categories"][0]["name"] == "Just Chatting", "a blank escaped twice is found too")
     host.shown("text", "Title", DOCK)[0].queryEditableText().setTextContents(" Real host ")
     host.shown("text", "Tags", DOCK)[0].queryEditableText().setTextContents("real host, ,demo")
     press(host.shown("button", "Save Stream Information", DOCK)[0])
