@@ -41,13 +41,6 @@ QString pathSegment(const QHttpServerRequest &request, int index)
     return QUrl::fromPercentEncoding(QUrl::fromPercentEncoding(segment).toUtf8());
 }
 
-QString bearer(const QHttpServerRequest &request)
-{
-    const QByteArray value = request.value("Authorization").trimmed();
-    return value.toLower().startsWith("bearer ") ? QString::fromUtf8(value.mid(7).trimmed())
-                                                 : QString();
-}
-
 QLatin1StringView connectedPage()
 {
     return QLatin1StringView(R"(<!DOCTYPE html>
@@ -193,13 +186,12 @@ void DevService::routeChannels()
 void DevService::routeSignedInPost(const QString &pattern, PostHandler handler)
 {
     const auto serve = [this, handler](const QString &arg, const QHttpServerRequest &request) {
-        if (!sessions_.contains(bearer(request)))
-            return errorResponse(StatusCode::Unauthorized, QStringLiteral("Sign in to continue."));
         QJsonObject body;
         const QString bodyError = readObjectBody(request, &body);
-        if (!bodyError.isEmpty())
-            return errorResponse(StatusCode::BadRequest, bodyError);
-        return handler(arg, body);
+        return answerSignedIn(request, [&](const Account &, const QString &) {
+            return bodyError.isEmpty() ? handler(arg, body)
+                                       : errorResponse(StatusCode::BadRequest, bodyError);
+        });
     };
     if (pattern.contains(QLatin1String("<arg>")))
         http_.route(pattern, Method::Post, this,

@@ -102,6 +102,8 @@ private:
     QList<Channel> channels_;
     QHash<QString, QString> pendingConnections_; // state of a started connection -> provider
     int nextChannelId_ = 100;
+    // Each account's last saved stream profile, by account id.
+    QHash<QString, QJsonObject> streamProfiles_;
     QHash<QString, QString> sessions_; // token -> account id
     QByteArray installer_;             // built at start, offered by the newer releases
     Release release_ = Release::Current;

@@ -1,10 +1,39 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// The Stream Information dock.
+// The Stream Information dock: the form, its load and save, and the two category search boxes.
 #include "tessivane-controller.h"
 #include "tessivane-widgets.h"
 
+#include <QComboBox>
+#include <QFormLayout>
+#include <QIcon>
 #include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QStringList>
+#include <QTextEdit>
 #include <QVBoxLayout>
+
+namespace {
+constexpr int minimumSearchLength = 2;
+
+// An editable box whose typed text is a search, never a new item, and whose width stays put while
+// its list is refilled.
+QComboBox *makeCategoryBox(const QString &placeholder, QWidget *parent)
+{
+    auto *box = new QComboBox(parent);
+    box->setEditable(true);
+    box->setInsertPolicy(QComboBox::NoInsert);
+    box->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
+    box->setMinimumContentsLength(20);
+    box->lineEdit()->setPlaceholderText(placeholder);
+    return box;
+}
+
+QString field(const QJsonObject &profile, const char *key)
+{
+    return profile.value(QLatin1String(key)).toString();
+}
+} // namespace
 
 QWidget *TessivaneController::buildStreamInfoDock()
 {
@@ -14,24 +43,128 @@ QWidget *TessivaneController::buildStreamInfoDock()
     layout->addWidget(muted(QStringLiteral("Updates apply to selected channels. Twitch and Kick "
                                            "categories open as searchable dropdowns."),
                             root));
+
+    auto *form = new QFormLayout;
+    titleEdit_ = new QLineEdit(root);
+    form->addRow(QStringLiteral("Title"), titleEdit_);
+    descriptionEdit_ = new QTextEdit(root);
+    descriptionEdit_->setMaximumHeight(90);
+    form->addRow(QStringLiteral("Description"), descriptionEdit_);
+    notificationEdit_ = new QLineEdit(root);
+    notificationEdit_->setPlaceholderText(
+        QStringLiteral("Stored in Tessivane; Twitch/Kick do not expose custom notification text"));
+    notificationEdit_->setToolTip(
+        QStringLiteral("Twitch and Kick control follower notifications and do not expose a custom "
+                       "go-live notification field through their channel APIs."));
+    form->addRow(QStringLiteral("Tessivane go-live note"), notificationEdit_);
+    twitchCategoryCombo_ = makeCategoryBox(QStringLiteral("Type to search Twitch"), root);
+    form->addRow(QStringLiteral("Twitch category"), twitchCategoryCombo_);
+    kickCategoryCombo_ = makeCategoryBox(QStringLiteral("Type to search Kick"), root);
+    form->addRow(QStringLiteral("Kick category"), kickCategoryCombo_);
+    tagsEdit_ = new QLineEdit(root);
+    tagsEdit_->setPlaceholderText(QStringLiteral("IRL, basketball, chill"));
+    form->addRow(QStringLiteral("Tags"), tagsEdit_);
+    layout->addLayout(form, 0);
+
+    auto *saveButton = new QPushButton(QStringLiteral("Save Stream Information"), root);
+    layout->addWidget(saveButton);
     streamInfoStatusLabel_ = muted(QString(), root);
     layout->addWidget(streamInfoStatusLabel_);
     layout->addStretch(1);
+
+    connect(saveButton, &QPushButton::clicked, this, [this]() {
+        // A blank part between two commas survives the split and is sent as an empty tag.
+        QJsonArray tags;
+        const QStringList parts = tagsEdit_->text().split(QLatin1Char(','), Qt::SkipEmptyParts);
+        for (const QString &part : parts)
+            tags.append(part.trimmed());
+        // What stands in a box's line edit is saved, also a name no suggestion offered.
+        QJsonObject profile;
+        profile.insert(QStringLiteral("title"), titleEdit_->text().trimmed());
+        profile.insert(QStringLiteral("description"), descriptionEdit_->toPlainText().trimmed());
+        profile.insert(QStringLiteral("notification"), notificationEdit_->text().trimmed());
+        profile.insert(QStringLiteral("twitchCategory"),
+                       twitchCategoryCombo_->currentText().trimmed());
+        profile.insert(QStringLiteral("kickCategory"), kickCategoryCombo_->currentText().trimmed());
+        profile.insert(QStringLiteral("tags"), tags);
+        api_.saveStreamProfile(profile);
+        streamInfoStatusLabel_->setText(QStringLiteral("Saving..."));
+    });
+    // Only the streamer's typing searches: textEdited stays silent when the code sets the text.
+    // Every keystroke that leaves two characters asks at once; the last reply to land wins.
+    const auto searchAs = [this](QComboBox *box, const QString &provider) {
+        connect(box->lineEdit(), &QLineEdit::textEdited, this,
+                [this, provider](const QString &text) {
+                    if (text.trimmed().size() >= minimumSearchLength)
+                        api_.fetchCategories(provider, text);
+                });
+    };
+    searchAs(twitchCategoryCombo_, QStringLiteral("twitch"));
+    searchAs(kickCategoryCombo_, QStringLiteral("kick"));
     return root;
 }
 
 void TessivaneController::showStreamProfile(const QJsonObject &profile)
 {
-    Q_UNUSED(profile)
+    // A load overwrites what is being typed; only sign-in and a restored session ask for it.
+    titleEdit_->setText(field(profile, "title"));
+    descriptionEdit_->setPlainText(field(profile, "description"));
+    notificationEdit_->setText(field(profile, "notification"));
+    twitchCategoryCombo_->setCurrentText(field(profile, "twitchCategory"));
+    kickCategoryCombo_->setCurrentText(field(profile, "kickCategory"));
+    QStringList tags;
+    const QJsonArray tagValues = profile.value(QLatin1String("tags")).toArray();
+    for (const QJsonValue &tag : tagValues)
+        tags.append(tag.toString());
+    tagsEdit_->setText(tags.join(QLatin1String(", ")));
+    streamInfoStatusLabel_->setText(QStringLiteral("Synced with Tessivane."));
 }
 
 void TessivaneController::showSyncResults(const QJsonArray &syncResults)
 {
-    Q_UNUSED(syncResults)
+    // The fields keep what was typed: the service's copy of the profile is not shown back.
+    int updated = 0;
+    QStringList failures;
+    for (const QJsonValue &value : syncResults) {
+        const QJsonObject result = value.toObject();
+        if (result.value(QLatin1String("ok")).toBool(false))
+            ++updated;
+        else
+            failures.append(
+                QStringLiteral("%1: %2").arg(field(result, "channel"), field(result, "error")));
+    }
+    streamInfoStatusLabel_->setText(
+        failures.isEmpty()
+            ? QStringLiteral("Stream information pushed to %1 connected channel(s).").arg(updated)
+            : QStringLiteral("Updated %1. %2")
+                  .arg(QString::number(updated), failures.join(QLatin1Char(' '))));
 }
 
 void TessivaneController::fillCategories(const QString &provider, const QJsonArray &categories)
 {
-    Q_UNUSED(provider)
-    Q_UNUSED(categories)
+    QComboBox *box =
+        provider == QLatin1String("twitch") ? twitchCategoryCombo_ : kickCategoryCombo_;
+    if (!box)
+        return;
+    // The typed text outlives the refill, even when a new item carries exactly that name.
+    const QString text = box->currentText();
+    box->blockSignals(true);
+    box->clear();
+    for (const QJsonValue &value : categories) {
+        const QJsonObject category = value.toObject();
+        box->addItem(QIcon(), field(category, "name"), field(category, "id"));
+    }
+    box->setCurrentText(text);
+    box->blockSignals(false);
+
+    // A reply for a box the streamer has left refills it silently.
+    QLineEdit *edit = box->lineEdit();
+    if (edit && edit->hasFocus() && !categories.isEmpty())
+        box->showPopup();
+    if (!streamInfoStatusLabel_ || !edit || !edit->hasFocus())
+        return;
+    streamInfoStatusLabel_->setText(categories.isEmpty()
+                                        ? QStringLiteral("No matching %1 categories.").arg(provider)
+                                        : QStringLiteral("%1 %2 category suggestions loaded.")
+                                              .arg(QString::number(categories.size()), provider));
 }

@@ -11,6 +11,7 @@ import sys
 import account
 import channels
 import health
+import stream_info
 import updates
 from host import Host, find
 
@@ -20,6 +21,7 @@ def run(host):
     host.start_obs()
     account.sign_in(host)
     channels.run(host)
+    stream_info.run(host)
     health.run(host)
     updates.run(host)
     host.exit_obs()

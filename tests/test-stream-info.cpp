@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// The Stream Information form: load, save, the summary of a save, and the category search boxes.
+#include "fixture.h"
+
+#include <QAbstractItemView>
+#include <QComboBox>
+#include <QJsonDocument>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QTextEdit>
+
+class TestStreamInfo : public ControllerTest {
+    Q_OBJECT
+
+    QWidget *dock() const { return panel("tessivane.stream-information"); }
+    QLineEdit *box(int i) const { return dock()->findChildren<QComboBox *>()[i]->lineEdit(); }
+    QString status() const { return dock()->findChildren<QLabel *>("TessivaneMuted")[1]->text(); }
+    // What a press of Save sends, as "METHOD body", provided the status line says "Saving...".
+    QByteArray save()
+    {
+        service_.requests.clear();
+        withText<QPushButton>(dock(), "Save Stream Information")->click();
+        if (status() != "Saving..." || settledTargets() != QList<QByteArray>{"/api/stream-profile"})
+            return {};
+        return service_.requests[0].method + " " + service_.requests[0].body;
+    }
+
+private Q_SLOTS:
+    void loadSaveAndSummary()
+    {
+        QVERIFY(start());
+        // Title, go-live note and tags; each box keeps its line edit to itself.
+        const auto edit = dock()->findChildren<QLineEdit *>(Qt::FindDirectChildrenOnly);
+        const QByteArray profile = R"({"description":"d\ne","kickCategory":"Just Chatting",)"
+                                   R"("notification":"n","tags":["a","b"],"title":"t",)"
+                                   R"("twitchCategory":"Celeste"})";
+        Q_EMIT api().streamProfileLoaded(QJsonDocument::fromJson(profile).object());
+        QCOMPARE(edit[2]->text(), "a, b");
+        QCOMPARE(status(), "Synced with Tessivane.");
+        QCOMPARE(save(), "POST " + profile);
+
+        edit[0]->setText("  %1 t ");
+        dock()->findChild<QTextEdit *>()->setPlainText("\n  d\n e \n\n");
+        box(0)->setText(" Not Offered ");
+        edit[2]->setText(" a, b,,c , ,d,");
+        QCOMPARE(save(), R"(POST {"description":"d\n e","kickCategory":"Just Chatting",)"
+                         R"("notification":"n","tags":["a","b","c","","d"],"title":"%1 t",)"
+                         R"("twitchCategory":"Not Offered"})");
+        // A reply without a profile empties every field; loading starts no search.
+        Q_EMIT api().streamProfileLoaded({});
+        QCOMPARE(save(), R"(POST {"description":"","kickCategory":"","notification":"","tags":[],)"
+                         R"("title":"","twitchCategory":""})");
+
+        // No "ok", or one that is no bool, fails; a "%1" in a name or a reason stays as it is.
+        const char *summaries[][2] = {
+            {"[]", "Stream information pushed to 0 connected channel(s)."},
+            {R"([{"channel":"A","error":"no"},{"ok":true},{"ok":"true","channel":"%2","error":"%1"},7])",
+             "Updated 1. A: no %2: %1 : "},
+        };
+        for (const auto &[results, text] : summaries) {
+            Q_EMIT api().streamProfileSaved({{"title", "saved"}},
+                                            QJsonDocument::fromJson(results).array());
+            QCOMPARE(status(), text);
+        }
+        QCOMPARE(edit[0]->text(), "");
+    }
+
+    void categoryBoxes()
+    {
+        // Box, text before, keys typed, and the target that each of those keys asks for.
+        const char *searches[][4] = {
+            {"0", "", " j ", ""},
+            {"1", "j", "u ", "/api/categories%3Fprovider=kick&q=ju"},
+            {"1", "ju", "\b", ""},
+            {"0", "just chattin", "g", "/api/categories%3Fprovider=twitch&q=just%2520chatting"},
+            {"1", "a&b?c%", "d", "/api/categories%3Fprovider=kick&q=a%2526b%3Fc%2525d"},
+        };
+        QVERIFY(start());
+        for (const auto &[index, before, keys, target] : searches) {
+            service_.requests.clear();
+            box(*index - '0')->setText(before);
+            QTest::keyClicks(box(*index - '0'), keys);
+            QCOMPARE(settledTargets(), QList<QByteArray>(*target ? qstrlen(keys) : 0, target));
+        }
+
+        hostDouble::mainWindow()->show();
+        QVERIFY(QTest::qWaitForWindowActive(hostDouble::mainWindow()));
+        const auto state = [this](int i) {
+            auto *combo = qobject_cast<QComboBox *>(box(i)->parent());
+            return combo->currentText() + "|" + combo->itemText(0) + combo->itemData(0).toString() +
+                   "|" + QString::number(combo->count()) +
+                   (combo->view()->isVisible() ? "|open|" : "|shut|") + status();
+        };
+        const QJsonArray three =
+            QJsonDocument::fromJson(R"([{"name":"Jump King","id":"1"},{"name":"Ju"},{}])").array();
+        box(0)->setText("Ju");
+        box(1)->setText("Zz");
+        box(1)->setFocus();
+        Q_EMIT api().categoriesLoaded("twitch", three);
+        QCOMPARE(state(0), "Ju|Jump King1|3|shut|");
+        Q_EMIT api().categoriesLoaded("kick", {});
+        QCOMPARE(state(1), "Zz||0|shut|No matching kick categories.");
+        // The pop-up takes the focus, and with it the status line's news of the suggestions.
+        box(0)->setFocus();
+        Q_EMIT api().categoriesLoaded("twitch", three);
+        QCOMPARE(state(0), "Ju|Jump King1|3|open|No matching kick categories.");
+    }
+};
+
+QTEST_MAIN(TestStreamInfo)
+#include "test-stream-info.moc"
