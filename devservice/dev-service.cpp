@@ -262,6 +262,15 @@ void DevService::handle(const QString &path, Method method, Handler handler)
 
 void DevService::handleSignedIn(const QString &path, Method method, AccountHandler handler)
 {
+    handleSignedIn(
+        path, method,
+        AccountRequestHandler([handler](const Account &account, const QHttpServerRequest &request) {
+            return handler(account, bearerToken(request));
+        }));
+}
+
+void DevService::handleSignedIn(const QString &path, Method method, AccountRequestHandler handler)
+{
     handle(path, method, [this, handler](const QHttpServerRequest &request) {
         const QString token = bearerToken(request);
         if (token.isEmpty())
@@ -269,7 +278,7 @@ void DevService::handleSignedIn(const QString &path, Method method, AccountHandl
         const QString accountId = sessions_.value(token);
         for (const Account &account : std::as_const(accounts_)) {
             if (account.id == accountId)
-                return handler(account, token);
+                return handler(account, request);
         }
         return unauthorized(QStringLiteral("Your session has ended. Sign in again."));
     });

@@ -8,7 +8,9 @@
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QList>
+#include <QElapsedTimer>
 #include <QObject>
+#include <QRandomGenerator>
 #include <QString>
 
 #include <functional>
@@ -28,6 +30,9 @@ public:
     bool listenPlain(quint16 port, QString *error);
     quint16 port() const;
     QString origin() const;
+    // Keeps the newest `count` chat messages from now on and fills the feed up to that many at
+    // once, to try the Chat dock under the load of a busy stream.
+    void keepChatMessages(int count);
 
     // A JSON object {"error": message}.
     static QHttpServerResponse errorResponse(QHttpServerResponse::StatusCode status,
@@ -57,6 +62,8 @@ private:
     using Method = QHttpServerRequest::Method;
     using Handler = std::function<QHttpServerResponse(const QHttpServerRequest &)>;
     using AccountHandler = std::function<QHttpServerResponse(const Account &, const QString &)>;
+    using AccountRequestHandler =
+        std::function<QHttpServerResponse(const Account &, const QHttpServerRequest &)>;
 
     // One routing function per area of the interface, each in a file of its own but the first
     // two.
@@ -71,8 +78,16 @@ private:
     bool bindServer(QTcpServer *server, quint16 port, QString *error);
     void handle(const QString &path, Method method, Handler handler);
     void handleSignedIn(const QString &path, Method method, AccountHandler handler);
+    // For the endpoints that read the request's body.
+    void handleSignedIn(const QString &path, Method method, AccountRequestHandler handler);
 
     QHttpServerResponse login(const QHttpServerRequest &request);
+    QHttpServerResponse sendChat(const Account &account, const QHttpServerRequest &request);
+    void backfillChat(int count);
+    void advanceChat();
+    void addViewerMessage(qint64 atMs);
+    void addChatMessage(const Channel &channel, const QString &author, const QString &text,
+                        qint64 atMs);
     QString newSessionToken() const;
     const Account *findAccount(const QString &email) const;
 
@@ -81,6 +96,13 @@ private:
     QList<Account> accounts_;
     QList<Channel> channels_;
     QHash<QString, QString> sessions_; // token -> account id
+    // The merged chat, oldest first; viewers speak at irregular times, made up when asked.
+    QList<QJsonObject> chat_;
+    int chatCapacity_ = 200;
+    quint64 chatSerial_ = 0;
+    qint64 nextViewerMessageMs_ = 0;
+    QElapsedTimer chatClock_;
+    QRandomGenerator chatRandom_{20261114};
     QHttpServer http_;
     QTcpServer *server_ = nullptr;
     bool plain_ = false;

@@ -62,7 +62,10 @@ int main(int argc, char *argv[])
         QStringLiteral("plain"),
         QStringLiteral("Serve plain HTTP instead of HTTPS, for clients that can't be made to "
                        "trust the development CA."));
-    parser.addOptions({portOption, certOption, keyOption, plainOption});
+    const QCommandLineOption busyChatOption(
+        QStringLiteral("busy-chat"),
+        QStringLiteral("Keep 500 messages in the chat feed, as on a busy stream."));
+    parser.addOptions({portOption, certOption, keyOption, plainOption, busyChatOption});
     parser.process(app);
 
     bool portOk = false;
@@ -78,6 +81,8 @@ int main(int argc, char *argv[])
     }
 
     DevService service;
+    if (parser.isSet(busyChatOption))
+        service.keepChatMessages(500);
     QString error;
     const bool listening = parser.isSet(plainOption)
                                ? service.listenPlain(quint16(port), &error)
