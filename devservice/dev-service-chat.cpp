@@ -97,6 +97,12 @@ void DevService::routeChat()
             });
         });
 
+    // The same as --busy-chat, for a session that is already running.
+    handle(QStringLiteral("/dev/busy-chat"), Method::Post, [this](const QHttpServerRequest &) {
+        keepChatMessages(busyChatMessages);
+        return QHttpServerResponse(QJsonObject{{QStringLiteral("ok"), true}});
+    });
+
     handleSignedIn(QStringLiteral("/api/chat/send"), Method::Post,
                    [this](const Account &account, const QHttpServerRequest &request) {
                        return sendChat(account, request);

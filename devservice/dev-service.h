@@ -33,6 +33,7 @@ public:
     // Keeps the newest `count` chat messages from now on and fills the feed up to that many at
     // once, to try the Chat dock under the load of a busy stream.
     void keepChatMessages(int count);
+    static constexpr int busyChatMessages = 500;
 
     // A JSON object {"error": message}.
     static QHttpServerResponse errorResponse(QHttpServerResponse::StatusCode status,

@@ -82,7 +82,7 @@ int main(int argc, char *argv[])
 
     DevService service;
     if (parser.isSet(busyChatOption))
-        service.keepChatMessages(500);
+        service.keepChatMessages(DevService::busyChatMessages);
     QString error;
     const bool listening = parser.isSet(plainOption)
                                ? service.listenPlain(quint16(port), &error)
