@@ -9,6 +9,7 @@ import contextlib
 import sys
 
 import account
+import chat
 from host import Host, find
 
 
@@ -16,6 +17,7 @@ def run(host):
     host.prepare()
     host.start_obs()
     account.sign_in(host)
+    chat.run(host)
     host.exit_obs()
     account.restart_and_sign_out(host)
 
