@@ -89,7 +89,7 @@ private Q_SLOTS:
     void targetRowsFollowTheConnectedAdaptersAndKeepTheChoice()
     {
         QVERIFY(start());
-        reply("[]", R"([{"connected":true,"provider":"Twitch","channel":"A","channelId":12345.9},
+        reply("[]", R"([{"connected":true,"provider":"Twitch","channel":"A","channelId":1234567.9},
                         {"connected":true,"provider":"twitch","channel":"B","channelId":" abc "},
                         {"connected":"true","provider":"facebook","channelId":"f"},
                         {"connected":true,"provider":"YouTube","channel":"C","channelId":-3.5},
@@ -100,7 +100,7 @@ private Q_SLOTS:
                  QStringList({"All connected channels = all", "All KICK channels = provider:kick",
                               "All TWITCH channels = provider:twitch",
                               "All YOUTUBE channels = provider:youtube",
-                              "TWITCH • A = channel:12345", "TWITCH • B = channel:abc",
+                              "TWITCH • A = channel:1234567", "TWITCH • B = channel:abc",
                               "YOUTUBE • C = channel:-3", "KICK • D = channel:"}));
         choose("channel:abc");
         reply("[]", R"([{"connected":true,"provider":"kick"},
