@@ -8,8 +8,10 @@
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QList>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QSet>
+#include <QRandomGenerator>
 #include <QString>
 
 #include <functional>
@@ -40,6 +42,11 @@ public:
     // Keeps a session of an earlier run of the service valid for the demo account, so that a
     // signed-in OBS stays signed in across a restart.
     void resumeSession(const QString &token);
+
+    // Keeps the newest `count` chat messages from now on and fills the feed up to that many at
+    // once, to try the Chat dock under the load of a busy stream.
+    void keepChatMessages(int count);
+    static constexpr int busyChatMessages = 500;
 
     // A JSON object {"error": message}.
     static QHttpServerResponse errorResponse(QHttpServerResponse::StatusCode status,
@@ -93,6 +100,12 @@ private:
     void routeSignedInPost(const QString &pattern, PostHandler handler);
 
     QHttpServerResponse login(const QHttpServerRequest &request);
+    QHttpServerResponse sendChat(const Account &account, const QJsonObject &body);
+    void backfillChat(int count);
+    void advanceChat();
+    void addViewerMessage(qint64 atMs);
+    void addChatMessage(const Channel &channel, const QString &author, const QString &text,
+                        qint64 atMs);
     QString newSessionToken() const;
     const Account *findAccount(const QString &email) const;
 
@@ -107,6 +120,13 @@ private:
     QHash<QString, QString> sessions_; // token -> account id
     QByteArray installer_;             // built at start, offered by the newer releases
     Release release_ = Release::Current;
+    // The merged chat, oldest first; viewers speak at irregular times, made up when asked.
+    QList<QJsonObject> chat_;
+    int chatCapacity_ = 200;
+    quint64 chatSerial_ = 0;
+    qint64 nextViewerMessageMs_ = 0;
+    QElapsedTimer chatClock_;
+    QRandomGenerator chatRandom_{20261114};
     QHttpServer http_;
     QTcpServer *server_ = nullptr;
     bool plain_ = false;

@@ -88,8 +88,11 @@ int main(int argc, char *argv[])
         QStringLiteral("resume-session"),
         QStringLiteral("Keep a session token of an earlier run valid for the demo account."),
         QStringLiteral("TOKEN"));
+    const QCommandLineOption busyChatOption(
+        QStringLiteral("busy-chat"),
+        QStringLiteral("Keep 500 messages in the chat feed, as on a busy stream."));
     parser.addOptions({portOption, certOption, keyOption, plainOption, rtmpPortOption,
-                       releaseOption, resumeOption});
+                       releaseOption, resumeOption, busyChatOption});
     parser.process(app);
 
     const int port = portValue(parser, portOption, 0);
@@ -122,6 +125,8 @@ int main(int argc, char *argv[])
     service.setRelease(releases.value(release));
     if (parser.isSet(resumeOption))
         service.resumeSession(parser.value(resumeOption));
+    if (parser.isSet(busyChatOption))
+        service.keepChatMessages(DevService::busyChatMessages);
     QString error;
     const bool listening = parser.isSet(plainOption)
                                ? service.listenPlain(quint16(port), &error)

@@ -1,19 +1,212 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// The Chat dock.
+// The Chat dock: the merged feed of every connected channel, and answering it.
 #include "tessivane-controller.h"
 #include "tessivane-widgets.h"
 
+#include <QComboBox>
+#include <QHBoxLayout>
+#include <QIcon>
+#include <QJsonDocument>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QPainter>
+#include <QPixmap>
+#include <QPushButton>
+#include <QSet>
 #include <QVBoxLayout>
+
+#include <cmath>
+
+namespace {
+
+struct ProviderLook {
+    QLatin1String provider;
+    QLatin1String background;
+    QChar glyph;
+    Qt::GlobalColor pen;
+};
+
+// Facebook, Instagram and anything unknown share the last look.
+constexpr ProviderLook providerLooks[] = {
+    {QLatin1String("youtube"), QLatin1String("#ff0033"), QChar(0x25B6), Qt::white},
+    {QLatin1String("twitch"), QLatin1String("#9146ff"), QChar(u'T'), Qt::white},
+    {QLatin1String("kick"), QLatin1String("#53fc18"), QChar(u'K'), Qt::black},
+    {QLatin1String(), QLatin1String("#34e6bd"), QChar(u'M'), Qt::white},
+};
+
+const ProviderLook &lookOf(const QString &providerKey)
+{
+    for (const ProviderLook &look : providerLooks) {
+        if (providerKey == look.provider)
+            return look;
+    }
+    return providerLooks[std::size(providerLooks) - 1];
+}
+
+QIcon providerIcon(const QString &providerKey)
+{
+    const ProviderLook &look = lookOf(providerKey);
+    QPixmap pixmap(20, 20);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setBrush(QBrush(QColor::fromString(look.background), Qt::SolidPattern));
+    painter.setPen(Qt::NoPen);
+    // The one-pixel margin keeps neighbouring badges apart.
+    painter.drawRoundedRect(QRectF(1.0, 1.0, 18.0, 18.0), 4.0, 4.0, Qt::AbsoluteSize);
+    painter.setPen(look.pen);
+    QFont font = painter.font();
+    font.setWeight(QFont::Bold);
+    font.setPixelSize(11);
+    painter.setFont(font);
+    painter.drawText(pixmap.rect(), Qt::AlignCenter, QString(look.glyph));
+    painter.end();
+    return QIcon(pixmap);
+}
+
+// What a reply is compared by: an idle poll gives the same text and so touches nothing.
+QString signatureOf(const QJsonArray &array)
+{
+    return QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Compact));
+}
+
+// Services send ids as text or as numbers; a number keeps only its whole part.
+QString channelIdText(const QJsonValue &id)
+{
+    if (id.isString())
+        return id.toString().trimmed();
+    if (!id.isDouble())
+        return QString();
+    // The bounds keep the conversion defined for numbers beyond 64 bits.
+    const double whole = std::trunc(id.toDouble(0.0));
+    return QString::number(
+        static_cast<qint64>(qBound(-9223372036854775808.0, whole, 9223372036854774784.0)));
+}
+
+QString field(const QJsonObject &record, QLatin1String key)
+{
+    return record.value(key).toString();
+}
+
+} // namespace
 
 QWidget *TessivaneController::buildChatDock()
 {
     QWidget *root = makeRoot();
-    rootLayout(root, 10, 8);
+    QVBoxLayout *layout = rootLayout(root, 10, 8);
+
+    chatList_ = new QListWidget(root);
+    chatList_->addItem(QStringLiteral("Loading connected platform chats..."));
+    layout->addWidget(chatList_, 1);
+
+    auto *sendRow = new QHBoxLayout;
+    layout->addLayout(sendRow, 0);
+    chatTargetCombo_ = new QComboBox(root);
+    chatTargetCombo_->addItem(QStringLiteral("All channels"));
+    sendRow->addWidget(chatTargetCombo_, 0);
+    chatInputEdit_ = new QLineEdit(root);
+    chatInputEdit_->setPlaceholderText(QStringLiteral("Send to the selected live chat"));
+    chatInputEdit_->setEnabled(false);
+    sendRow->addWidget(chatInputEdit_, 1);
+    chatSendButton_ = new QPushButton(QStringLiteral("Send"), root);
+    chatSendButton_->setEnabled(false);
+    sendRow->addWidget(chatSendButton_, 0);
+
+    connect(chatSendButton_, &QPushButton::clicked, this, [this]() {
+        const QString text = chatInputEdit_->text().trimmed();
+        if (text.isEmpty())
+            return;
+        const QString target = chatTargetCombo_->currentData(Qt::UserRole).toString();
+        QString channelId;
+        QString provider;
+        if (target.startsWith(QLatin1String("channel:")))
+            channelId = target.mid(8);
+        else if (target.startsWith(QLatin1String("provider:")))
+            provider = target.mid(9);
+        // Neither id means every connected channel.
+        api_.sendChatMessage(text, channelId, provider);
+    });
+    connect(chatInputEdit_, &QLineEdit::returnPressed, chatSendButton_, &QPushButton::click);
     return root;
 }
 
 void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray &adapters)
 {
-    Q_UNUSED(messages)
-    Q_UNUSED(adapters)
+    if (!chatList_ || !chatTargetCombo_)
+        return;
+
+    const QString messagesSignature = signatureOf(messages);
+    const bool messagesChanged = messagesSignature != chatMessagesSignature_;
+    if (messagesChanged) {
+        chatList_->clear();
+        for (const QJsonValue &value : messages) {
+            const QJsonObject message = value.toObject();
+            const QString providerUpper = field(message, QLatin1String("provider")).toUpper();
+            // One pass, so that a "%1" in a message is shown as typed.
+            auto *item = new QListWidgetItem(providerIcon(providerUpper.toLower()),
+                                             QStringLiteral("%1 • %2: %3")
+                                                 .arg(field(message, QLatin1String("channel")),
+                                                      field(message, QLatin1String("author")),
+                                                      field(message, QLatin1String("text"))),
+                                             chatList_);
+            item->setToolTip(providerUpper);
+        }
+        chatMessagesSignature_ = messagesSignature;
+    }
+
+    int connectedCount = 0;
+    QStringList statusLines;
+    for (const QJsonValue &value : adapters) {
+        const QJsonObject adapter = value.toObject();
+        if (adapter.value(QLatin1String("connected")).toBool(false))
+            ++connectedCount;
+        else
+            statusLines.append(QStringLiteral("%1: %2").arg(
+                field(adapter, QLatin1String("channel")), field(adapter, QLatin1String("detail"))));
+    }
+
+    const QString adaptersSignature = signatureOf(adapters);
+    if (adaptersSignature != chatAdaptersSignature_) {
+        // The choice is kept by its target, since rows come and go as channels connect.
+        const QString chosen = chatTargetCombo_->currentData(Qt::UserRole).toString();
+        chatTargetCombo_->setUpdatesEnabled(false);
+        chatTargetCombo_->clear();
+        chatTargetCombo_->addItem(QStringLiteral("All connected channels"), QStringLiteral("all"));
+        QSet<QString> providers;
+        for (const QJsonValue &value : adapters) {
+            const QJsonObject adapter = value.toObject();
+            if (!adapter.value(QLatin1String("connected")).toBool(false))
+                continue;
+            const QString provider = field(adapter, QLatin1String("provider")).toLower();
+            providers.insert(provider);
+            chatTargetCombo_->addItem(
+                QStringLiteral("%1 • %2").arg(provider.toUpper(),
+                                              field(adapter, QLatin1String("channel"))),
+                QStringLiteral("channel:%1")
+                    .arg(channelIdText(adapter.value(QLatin1String("channelId")))));
+        }
+        // Each platform's row goes above the channel rows.
+        int index = 1;
+        for (const QString &provider : std::as_const(providers))
+            chatTargetCombo_->insertItem(index++,
+                                         QStringLiteral("All %1 channels").arg(provider.toUpper()),
+                                         QStringLiteral("provider:%1").arg(provider));
+        const int found = chatTargetCombo_->findData(chosen, Qt::UserRole,
+                                                     Qt::MatchExactly | Qt::MatchCaseSensitive);
+        chatTargetCombo_->setCurrentIndex(found < 0 ? 0 : found);
+        chatTargetCombo_->setUpdatesEnabled(true);
+        chatAdaptersSignature_ = adaptersSignature;
+    }
+
+    if (messagesChanged && messages.isEmpty())
+        chatList_->addItem(connectedCount > 0
+                               ? QStringLiteral("Chat connected. Waiting for viewer messages.")
+                               : statusLines.join(QLatin1Char('\n')));
+
+    chatInputEdit_->setEnabled(connectedCount > 0);
+    chatSendButton_->setEnabled(connectedCount > 0);
+
+    // Only a changed feed moves the view, so a streamer reading older messages keeps the place.
+    if (messagesChanged && !messages.isEmpty())
+        chatList_->scrollToBottom();
 }

@@ -156,6 +156,21 @@ class Host(Session):
     def shown(self, role, name=None, dock=DOCKS[0]):
         return [node for node in find(self.dock(dock), role, name) if showing(node)]
 
+    @contextlib.contextmanager
+    def alone(self, title):
+        """The dock `title` with the column to itself: the other docks of the plug-in are closed
+        from OBS's Docks menu, and opened again afterwards."""
+        others = [other for other in DOCKS if other != title and showing(self.dock(other))]
+        for other in others:
+            press(find(self.window(), "menu item", other)[0])
+        wait_for(f"\"{title}\" stands alone", lambda: not any(
+            showing(self.dock(other)) for other in others))
+        try:
+            yield self.dock(title)
+        finally:
+            for other in others:
+                press(find(self.window(), "menu item", other)[0])
+
     def screenshot(self, name):
         subprocess.run(["import", "-window", "root", str(self.work / name)], check=True)
 

@@ -10,6 +10,7 @@ import sys
 
 import account
 import channels
+import chat
 import health
 import stream_info
 import updates
@@ -22,6 +23,7 @@ def run(host):
     account.sign_in(host)
     channels.run(host)
     stream_info.run(host)
+    chat.run(host)
     health.run(host)
     updates.run(host)
     host.exit_obs()

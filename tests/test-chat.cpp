@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// The Chat dock: the feed and its badges, the target box, the empty state and sending.
+#include "fixture.h"
+
+#include <QComboBox>
+#include <QJsonDocument>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QPushButton>
+#include <QScrollBar>
+
+class TestChat : public ControllerTest {
+    Q_OBJECT
+
+    template <typename T> static T *in() { return panel("tessivane.chat")->findChild<T *>(); }
+    void reply(const QByteArray &messages, const char *adapters)
+    {
+        Q_EMIT api().chatLoaded(QJsonDocument::fromJson(messages).array(),
+                                QJsonDocument::fromJson(adapters).array());
+    }
+    static QStringList rows(bool box = false)
+    {
+        QStringList texts;
+        QAbstractItemModel *model = box ? in<QComboBox>()->model() : in<QListWidget>()->model();
+        for (int i = 0; i < model->rowCount(); ++i)
+            texts << model->index(i, 0).data().toString() +
+                         (box ? " = " + model->index(i, 0).data(Qt::UserRole).toString() : "");
+        return texts;
+    }
+    static QString choose(const char *target = nullptr)
+    {
+        if (target)
+            in<QComboBox>()->setCurrentIndex(in<QComboBox>()->findData(QString(target)));
+        return in<QComboBox>()->currentData().toString();
+    }
+
+private Q_SLOTS:
+    void feedShowsBadgesAnIdleReplyTouchesNothingAndAnEmptyFeedSaysWhy()
+    {
+        QVERIFY(start());
+        const QByteArray feed =
+            R"([{"provider":"YouTube","channel":"C","author":"A","text":"%2 %1"},
+            {"provider":"twitch","author":"B"}, {"provider":"KICK"}, {"provider":"facebook"}, 4)" +
+            QByteArray(",5").repeated(55) + "]";
+        reply(feed, "[]");
+        QCOMPARE(rows().mid(0, 5),
+                 QStringList({"C • A: %2 %1", " • B: ", " • : ", " • : ", " • : "}));
+        // Per row: the tool tip, the badge's colour and its glyph's.
+        const char *looks[] = {"YOUTUBE", "#ff0033", "#fff",    "TWITCH",  "#9146ff",
+                               "#fff",    "KICK",    "#53fc18", "#000",    "FACEBOOK",
+                               "#34e6bd", "#fff",    "",        "#34e6bd", "#fff"};
+        for (int i = 0; i < 5; ++i) {
+            QCOMPARE(in<QListWidget>()->item(i)->toolTip(), looks[3 * i]);
+            const QImage icon = in<QListWidget>()->item(i)->icon().pixmap(20, 20).toImage();
+            const QRgb *pixels = reinterpret_cast<const QRgb *>(icon.constBits());
+            QCOMPARE(icon.pixelColor(0, 0).alpha() + icon.pixelColor(19, 10).alpha(), 0);
+            QCOMPARE(icon.pixelColor(10, 2), QColor(looks[3 * i + 1]));
+            QVERIFY(std::count(pixels, pixels + 400, QColor(looks[3 * i + 2]).rgba()) > 5);
+        }
+        QScrollBar *scroll = in<QListWidget>()->verticalScrollBar();
+        QVERIFY(scroll->maximum() > 0 && scroll->value() == scroll->maximum());
+
+        // The streamer reads further up; the same reply comes again and finds both marks.
+        in<QListWidget>()->addItem("mark");
+        in<QComboBox>()->addItem("mark");
+        scroll->setValue(0);
+        reply(feed, "[]");
+        QCOMPARE(rows().size() + rows(true).size(), 61 + 2);
+        QCOMPARE(scroll->value(), 0);
+
+        const char *up = R"([{"connected":true}])";
+        const char *down = R"([{"channel":"a","detail":"offline"},{"connected":1},"x"])";
+        // Only a changed feed rewrites the empty-state row, even when sending becomes possible.
+        const char *steps[][3] = {{"[]", "[]", ""},
+                                  {"[]", up, ""},
+                                  {"[{}]", up, " • : "},
+                                  {"[]", up, "Chat connected. Waiting for viewer messages."},
+                                  {"[]", down, "Chat connected. Waiting for viewer messages."},
+                                  {"[{}]", down, " • : "},
+                                  {"[]", down, "a: offline\n: \n: "}};
+        for (const auto &step : steps) {
+            reply(step[0], step[1]);
+            QCOMPARE(rows(), QStringList{step[2]});
+            QCOMPARE(in<QLineEdit>()->isEnabled(), step[1] == up);
+            QCOMPARE(in<QPushButton>()->isEnabled(), step[1] == up);
+        }
+    }
+
+    void targetRowsFollowTheConnectedAdaptersAndKeepTheChoice()
+    {
+        QVERIFY(start());
+        reply("[]", R"([{"connected":true,"provider":"Twitch","channel":"A","channelId":1234567.9},
+                        {"connected":true,"provider":"twitch","channel":"B","channelId":" abc "},
+                        {"connected":"true","provider":"facebook","channelId":"f"},
+                        {"connected":true,"provider":"YouTube","channel":"C","channelId":-3.5},
+                        {"connected":true,"provider":"kick","channel":"D","channelId":null}])");
+        QStringList box = rows(true);
+        std::sort(box.begin() + 1, box.begin() + 4); // the platforms come in a hash's order
+        QCOMPARE(box,
+                 QStringList({"All connected channels = all", "All KICK channels = provider:kick",
+                              "All TWITCH channels = provider:twitch",
+                              "All YOUTUBE channels = provider:youtube",
+                              "TWITCH • A = channel:1234567", "TWITCH • B = channel:abc",
+                              "YOUTUBE • C = channel:-3", "KICK • D = channel:"}));
+        choose("channel:abc");
+        reply("[]", R"([{"connected":true,"provider":"kick"},
+                       {"connected":true,"provider":"twitch","channelId":"abc"}])");
+        QCOMPARE(choose(), "channel:abc");
+        reply("[]", R"([{"connected":true,"provider":"twitch"}])");
+        QCOMPARE(choose(), "all");
+    }
+
+    void sendGoesToTheChosenTargetAndClearsOnlyOnSuccess()
+    {
+        QVERIFY(start());
+        const char *sends[][3] = {{"all", R"({"text":"hi"})", "200"},
+                                  {"provider:kick", R"({"provider":"kick","text":"hi"})", "200"},
+                                  {"channel:42", R"({"channelId":"42","text":"hi"})", "200"},
+                                  {"all", R"({"text":"hi"})", "500"}};
+        for (const auto &send : sends) {
+            // The reload after a send finds no channel and disables sending; this brings them back.
+            reply("[]", R"([{"connected":true,"provider":"Kick","channelId":42},
+                            {"connected":true,"provider":"kick"}])");
+            service_.requests.clear();
+            service_.fallback.status = QByteArray(send[2]).toInt();
+            choose(send[0]);
+            in<QLineEdit>()->setText(" hi ");
+            QTest::keyClick(in<QLineEdit>(), Qt::Key_Return);
+            const bool sent = service_.fallback.status == 200;
+            QCOMPARE(settledTargets().size(), sent ? 2 : 1);
+            QCOMPARE(in<QLineEdit>()->text(), sent ? "" : " hi ");
+            QCOMPARE(service_.requests.at(0).target + service_.requests.at(0).body,
+                     "/api/chat/send" + QByteArray(send[1]));
+        }
+    }
+};
+
+QTEST_MAIN(TestChat)
+#include "test-chat.moc"
