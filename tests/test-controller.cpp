@@ -14,6 +14,12 @@ const QStringList titles = {"Tessivane Account", "Tessivane Channels",
                             "Tessivane Stream Information", "Tessivane Stream Health",
                             "Tessivane Chat"};
 
+#ifdef HOST_OBS31
+constexpr bool obs31 = true;
+#else
+constexpr bool obs31 = false;
+#endif
+
 QList<int> activeTimers(const QObject &owner)
 {
     QList<int> intervals;
@@ -106,6 +112,42 @@ private Q_SLOTS:
         controller_->removeDocks();
         QCOMPARE(hostDouble::calls().size(), 5);
         QVERIFY(hostDouble::calls().contains("remove_dock tessivane.chat"));
+    }
+
+    // The layout OBS saved at exit: in its global configuration up to OBS 30, in the user's from
+    // OBS 31 on, where the global one keeps a stale layout.
+    void restoredSessionTakesTheSavedLayout_data()
+    {
+        QTest::addColumn<bool>("saved");
+        QTest::newRow("nothing saved") << false;
+        QTest::newRow("docks moved left, the chat closed") << true;
+    }
+
+    void restoredSessionTakesTheSavedLayout()
+    {
+        QFETCH(bool, saved);
+        QMainWindow *window = hostDouble::mainWindow();
+        QVERIFY(start());
+        const QByteArray stale = window->saveState().toBase64();
+        for (const QString &id : docks)
+            window->addDockWidget(Qt::LeftDockWidgetArea, hostDouble::dock(id));
+        hostDouble::dock("tessivane.chat")->close();
+        const QByteArray layout = window->saveState().toBase64();
+        delete std::exchange(controller_, nullptr);
+        hostDouble::reset();
+
+        hostDouble::config(obs31)["BasicWindow/DockState"] = saved ? layout : QByteArray();
+        hostDouble::config(!obs31)["BasicWindow/DockState"] = stale;
+        store().setValue("sessionToken", "tok");
+        QVERIFY(start());
+        window = hostDouble::mainWindow();
+        for (const QString &id : docks) {
+            QDockWidget *dock = hostDouble::dock(id);
+            QCOMPARE(dock->isVisibleTo(window), saved && id != "tessivane.chat");
+            QCOMPARE(window->dockWidgetArea(dock),
+                     saved ? Qt::LeftDockWidgetArea : Qt::RightDockWidgetArea);
+            QVERIFY(!dock->isFloating());
+        }
     }
 
     void failuresReachTheirStatusLines_data()
