@@ -14,10 +14,8 @@ const QStringList titles = {"Tessivane Account", "Tessivane Channels",
                             "Tessivane Stream Information", "Tessivane Stream Health",
                             "Tessivane Chat"};
 
-#ifdef HOST_OBS31
-constexpr bool obs31 = true;
-#else
-constexpr bool obs31 = false;
+#ifndef HOST_OBS31
+#define HOST_OBS31 false
 #endif
 
 QList<int> activeTimers(const QObject &owner)
@@ -136,8 +134,8 @@ private Q_SLOTS:
         delete std::exchange(controller_, nullptr);
         hostDouble::reset();
 
-        hostDouble::config(obs31)["BasicWindow/DockState"] = saved ? layout : QByteArray();
-        hostDouble::config(!obs31)["BasicWindow/DockState"] = stale;
+        hostDouble::dockState(HOST_OBS31) = saved ? layout : QByteArray();
+        hostDouble::dockState(!HOST_OBS31) = stale;
         store().setValue("sessionToken", "tok");
         QVERIFY(start());
         window = hostDouble::mainWindow();

@@ -23,7 +23,7 @@ struct obs_service {
 };
 struct obs_output {};
 struct config_data {
-    QHash<QByteArray, QByteArray> values;
+    QByteArray dockState;
 };
 
 namespace {
@@ -94,9 +94,9 @@ Streaming &streaming()
     return host.streaming;
 }
 
-QHash<QByteArray, QByteArray> &config(bool user)
+QByteArray &dockState(bool user)
 {
-    return (user ? host.user : host.global).values;
+    return (user ? host.user : host.global).dockState;
 }
 
 void sendEvent(int event)
@@ -214,8 +214,8 @@ void obs_frontend_set_streaming_service(obs_service_t *service)
 const char *config_get_string(config_t *config, const char *section, const char *name)
 {
     record(QStringLiteral("config_get_string %1 %2").arg(section, name));
-    const auto value = config->values.constFind(QByteArray(section) + '/' + name);
-    return value == config->values.constEnd() ? nullptr : value->constData();
+    const bool known = !qstrcmp(section, "BasicWindow") && !qstrcmp(name, "DockState");
+    return known && !config->dockState.isEmpty() ? config->dockState.constData() : nullptr;
 }
 
 // OBS 31's: the plug-in finds it only in a test executable that exports it.

@@ -3,7 +3,6 @@
 // objects link against obs-host-double.cpp instead of OBS; tests steer and read it here.
 #pragma once
 
-#include <QHash>
 #include <QStringList>
 #include <QVariantMap>
 
@@ -35,10 +34,8 @@ struct Streaming {
     QVariantMap saved;
 };
 Streaming &streaming();
-// OBS's configuration by "section/name": the global one of OBS 30, or with `user` the one of OBS 31
-// and later, which the plug-in finds only in a test executable that exports
-// obs_frontend_get_user_config.
-QHash<QByteArray, QByteArray> &config(bool user);
+// [BasicWindow] DockState in OBS 30's global configuration, or with `user` in OBS 31's.
+QByteArray &dockState(bool user);
 // Delivers an obs_frontend_event (an int, so that this header needs no OBS header) to every
 // registered callback.
 void sendEvent(int event);
