@@ -11,9 +11,10 @@ import pyatspi
 
 from host import DOCKS, check, find, press, showing, wait_for
 
-# The size of OBS's main window when nothing is saved and no window manager steps in (measured
-# in OBS 30.2.3), and the size that the other steps run at.
-DEFAULT, FULL = (1086, 763), (1600, 1000)
+# Sizes of OBS's main window measured in OBS 30.2.3: the one it takes when nothing is saved and no
+# window manager steps in, the smallest it allows with the five docks stacked (WM_NORMAL_HINTS),
+# and the one that the other steps run at.
+DEFAULT, SMALLEST, FULL = (1086, 763), (868, 763), (1600, 1000)
 
 
 def extents(node):
@@ -26,14 +27,9 @@ def places(host):
 
 
 def resize(host, size):
-    """Resizes OBS's main window the way a window manager would (the virtual screen has none):
-    with no size given, to the smallest size that OBS allows."""
+    """Resizes OBS's main window the way a window manager would; the virtual screen has none."""
     window = re.search(r"Window id: (\w+)", subprocess.run(
         ["xwininfo", "-name", host.window().name], capture_output=True, text=True).stdout)[1]
-    if not size:
-        size = tuple(map(int, re.search(r"minimum size: (\d+) by (\d+)", subprocess.run(
-            ["xprop", "-id", window, "WM_NORMAL_HINTS"], capture_output=True, text=True).stdout)
-            .groups()))
     x11 = ctypes.CDLL("libX11.so.6")
     x11.XOpenDisplay.restype = ctypes.c_void_p
     display = ctypes.c_void_p(x11.XOpenDisplay(None))
@@ -52,15 +48,15 @@ def apart(what, nodes):
 def run(host):
     print("layout: no text overlaps another at OBS's default size, nor at its smallest",
           flush=True)
-    for size, name in ((DEFAULT, "layout.png"), (None, "layout-small.png")):
+    for size, name in ((DEFAULT, "layout.png"), (SMALLEST, "layout-small.png")):
         resize(host, size)
         apart("docks", [host.dock(title) for title in DOCKS])
         for title in DOCKS:
             apart(f"labels of \"{title}\"", host.shown("label", dock=title))
         host.screenshot(name)
     resize(host, FULL)
-    host.places = wait_for("the five docks stand side by side", lambda: (
-        found := places(host)) and len(set(found.values())) == len(DOCKS) and found)
+    host.places = wait_for("the five docks stand docked at the window's right edge", lambda: (
+        found := places(host)) and all(x + w == FULL[0] for x, _, w, _ in found.values()) and found)
 
 
 def restart(host):
