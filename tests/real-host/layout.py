@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
-"""The docks' layout in a real OBS: no text over another at OBS's default size or at its
-smallest, and the streamer's layout back after a restart, a closed dock staying closed."""
+"""The docks' layout in a real OBS: no text over another at three window sizes, and the
+streamer's layout back after a restart, a closed dock staying closed."""
 
 import ctypes
 import re
@@ -46,9 +46,10 @@ def apart(what, nodes):
 
 
 def run(host):
-    print("layout: no text overlaps another at OBS's default size, nor at its smallest",
+    print("layout: no text overlaps another at the steps' size, OBS's default or its smallest",
           flush=True)
-    for size, name in ((DEFAULT, "layout.png"), (SMALLEST, "layout-small.png")):
+    for size, name in ((FULL, "layout-full.png"), (DEFAULT, "layout.png"),
+                       (SMALLEST, "layout-small.png")):
         resize(host, size)
         apart("docks", [host.dock(title) for title in DOCKS])
         for title in DOCKS:
