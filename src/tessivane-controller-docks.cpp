@@ -3,13 +3,46 @@
 #include "tessivane-controller.h"
 #include "tessivane-widgets.h"
 
-#include <obs-frontend-api.h>
-
 #include <QDockWidget>
+#include <QEvent>
 #include <QFrame>
 #include <QLabel>
 #include <QList>
+#include <QMainWindow>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QVBoxLayout>
+
+#include <obs-frontend-api.h>
+#include <util/config-file.h>
+
+#include <dlfcn.h>
+
+namespace {
+// Holds a panel's content. The dock around it may grow shorter than the content, which then
+// scrolls, but never narrower: nothing scrolls sideways.
+class PanelScroll : public QScrollArea {
+public:
+    using QScrollArea::QScrollArea;
+
+    QSize minimumSizeHint() const override
+    {
+        const QSize scrolling = QScrollArea::minimumSizeHint();
+        const int content = widget() ? widget()->minimumSizeHint().width() : 0;
+        return {qMax(scrolling.width(), content + verticalScrollBar()->sizeHint().width()),
+                scrolling.height()};
+    }
+
+protected:
+    bool viewportEvent(QEvent *event) override
+    {
+        // The content's layout changed, and with it perhaps its width: the dock asks again.
+        if (event->type() == QEvent::LayoutRequest)
+            updateGeometry();
+        return QScrollArea::viewportEvent(event);
+    }
+};
+} // namespace
 
 const char tessivaneStyleSheet[] = R"(
 QWidget#TessivaneRoot {
@@ -119,9 +152,19 @@ QWidget *makeRoot()
 
 QVBoxLayout *rootLayout(QWidget *root, int margin, int spacing)
 {
-    auto *layout = new QVBoxLayout(root);
+    // The content scrolls over the root, so that the glow stays in place and fills the dock
+    // however far it is scrolled.
+    auto *frame = new QVBoxLayout(root);
+    frame->setContentsMargins(0, 0, 0, 0);
+    auto *scroll = new PanelScroll(root);
+    scroll->setWidgetResizable(true);
+    scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    frame->addWidget(scroll);
+    auto *content = new QWidget;
+    auto *layout = new QVBoxLayout(content);
     layout->setContentsMargins(margin, margin, margin, margin);
     layout->setSpacing(spacing);
+    scroll->setWidget(content);
     return layout;
 }
 
@@ -194,4 +237,21 @@ void TessivaneController::removeDocks()
     for (const QString &id : ids)
         obs_frontend_remove_dock(id.toUtf8().constData());
     docks_.clear();
+}
+
+void TessivaneController::restoreDockLayout()
+{
+    // OBS restores its saved layout before a plug-in can add its docks, which then stand hidden
+    // and floating; applying the same saved state again puts them where the streamer left them.
+    // OBS 31 keeps it in the user configuration, through a function that OBS 30 lacks: looked up
+    // at run time, so that one build serves both.
+    using ConfigGetter = config_t *(*)();
+    const auto userConfig =
+        reinterpret_cast<ConfigGetter>(dlsym(RTLD_DEFAULT, "obs_frontend_get_user_config"));
+    config_t *config = userConfig ? userConfig() : obs_frontend_get_global_config();
+    const char *state = config ? config_get_string(config, "BasicWindow", "DockState") : nullptr;
+    if (!state || !*state)
+        return;
+    if (auto *window = static_cast<QMainWindow *>(obs_frontend_get_main_window()))
+        window->restoreState(QByteArray::fromBase64(state));
 }

@@ -57,6 +57,7 @@ bool TessivaneController::initialize()
             return false;
         }
     }
+    restoreDockLayout();
 
     connectApi();
 

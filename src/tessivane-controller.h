@@ -43,6 +43,7 @@ public:
     bool registerDock(const char *id, const char *title, QWidget *widget);
     void showDocks();
     void removeDocks();
+    void restoreDockLayout();
 
     QWidget *buildAccountDock();
     QWidget *buildChannelsDock();

@@ -13,7 +13,8 @@ extern const char tessivaneStyleSheet[];
 
 // Gives a parentless root the name and the sheet that all five panels share.
 QWidget *makeRoot();
-// The root's column, with the margins on all four sides and the spacing each panel asks for.
+// The root's column, with the margins on all four sides and the spacing each panel asks for. It
+// stands in a scroll area that fills the root: a dock shorter than its panel scrolls.
 QVBoxLayout *rootLayout(QWidget *root, int margin, int spacing);
 QLabel *heading(const QString &text, QWidget *parent);
 QLabel *muted(const QString &text, QWidget *parent);

@@ -14,6 +14,10 @@ const QStringList titles = {"Tessivane Account", "Tessivane Channels",
                             "Tessivane Stream Information", "Tessivane Stream Health",
                             "Tessivane Chat"};
 
+#ifndef HOST_OBS31
+#define HOST_OBS31 false
+#endif
+
 QList<int> activeTimers(const QObject &owner)
 {
     QList<int> intervals;
@@ -106,6 +110,39 @@ private Q_SLOTS:
         controller_->removeDocks();
         QCOMPARE(hostDouble::calls().size(), 5);
         QVERIFY(hostDouble::calls().contains("remove_dock tessivane.chat"));
+    }
+
+    // The layout that OBS saved at exit, in its global configuration up to OBS 30 and in the
+    // user's from OBS 31 on (the global one then holds an older layout), is applied once more.
+    void restoredSessionTakesTheSavedLayout_data()
+    {
+        QTest::addColumn<bool>("saved");
+        QTest::newRow("nothing saved") << false;
+        QTest::newRow("docks on the left, the chat closed") << true;
+    }
+
+    void restoredSessionTakesTheSavedLayout()
+    {
+        QFETCH(bool, saved);
+        QMainWindow last;
+        hostDouble::dockState(!HOST_OBS31) = last.saveState().toBase64();
+        for (const QString &id : docks) {
+            auto *dock = new QDockWidget(&last);
+            dock->setObjectName(id);
+            last.addDockWidget(Qt::LeftDockWidgetArea, dock);
+            dock->setVisible(id != "tessivane.chat");
+        }
+        hostDouble::dockState(HOST_OBS31) = saved ? last.saveState().toBase64() : "";
+        store().setValue("sessionToken", "tok");
+        QVERIFY(start());
+        QMainWindow *window = hostDouble::mainWindow();
+        for (const QString &id : docks) {
+            QDockWidget *dock = hostDouble::dock(id);
+            QCOMPARE(dock->isVisibleTo(window), saved && id != "tessivane.chat");
+            QCOMPARE(window->dockWidgetArea(dock),
+                     saved ? Qt::LeftDockWidgetArea : Qt::RightDockWidgetArea);
+            QVERIFY(!dock->isFloating());
+        }
     }
 
     void failuresReachTheirStatusLines_data()

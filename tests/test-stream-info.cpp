@@ -7,6 +7,7 @@
 #include <QJsonDocument>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QScrollArea>
 #include <QTextEdit>
 
 class TestStreamInfo : public ControllerTest {
@@ -30,7 +31,8 @@ private Q_SLOTS:
     {
         QVERIFY(start());
         // Title, go-live note and tags; each box keeps its line edit to itself.
-        const auto edit = dock()->findChildren<QLineEdit *>(Qt::FindDirectChildrenOnly);
+        const auto edit = dock()->findChild<QScrollArea *>()->widget()->findChildren<QLineEdit *>(
+            Qt::FindDirectChildrenOnly);
         const QByteArray profile = R"({"description":"d\ne","kickCategory":"Just Chatting",)"
                                    R"("notification":"n","tags":["a","b"],"title":"t",)"
                                    R"("twitchCategory":"Celeste"})";

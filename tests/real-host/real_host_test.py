@@ -12,6 +12,7 @@ import account
 import channels
 import chat
 import health
+import layout
 import stream_info
 import updates
 from host import Host, find
@@ -26,8 +27,10 @@ def run(host):
     chat.run(host)
     health.run(host)
     updates.run(host)
+    layout.run(host)
     host.exit_obs()
-    account.restart_and_sign_out(host)
+    layout.restart(host)
+    account.sign_out(host)
 
 
 def main():

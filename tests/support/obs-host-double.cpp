@@ -8,6 +8,7 @@
 #include <obs-frontend-api.h>
 #include <obs-module.h>
 #include <util/base.h>
+#include <util/config-file.h>
 #include <util/text-lookup.h>
 
 #include <cstdarg>
@@ -21,6 +22,9 @@ struct obs_service {
     QVariantMap settings;
 };
 struct obs_output {};
+struct config_data {
+    QByteArray dockState;
+};
 
 namespace {
 
@@ -32,6 +36,8 @@ struct Host {
     hostDouble::Streaming streaming;
     QVariantMap current; // the streaming service's settings, saved or not
     obs_output output;
+    config_data global;
+    config_data user;
 };
 
 Host host;
@@ -86,6 +92,11 @@ QDockWidget *dock(const QString &id)
 Streaming &streaming()
 {
     return host.streaming;
+}
+
+QByteArray &dockState(bool user)
+{
+    return (user ? host.user : host.global).dockState;
 }
 
 void sendEvent(int event)
@@ -200,6 +211,16 @@ void obs_frontend_set_streaming_service(obs_service_t *service)
     host.current = service->settings;
 }
 
+const char *config_get_string(config_t *config, const char *section, const char *name)
+{
+    record(QStringLiteral("config_get_string %1 %2").arg(section, name));
+    const bool known = !qstrcmp(section, "BasicWindow") && !qstrcmp(name, "DockState");
+    return known && !config->dockState.isEmpty() ? config->dockState.constData() : nullptr;
+}
+
+// OBS 31's: the plug-in finds it only in a test executable that exports it.
+Q_DECL_EXPORT config_t *obs_frontend_get_user_config(void);
+
 // The host functions that only record their call and answer from the knobs, one a line.
 #define HOST_CALL(type, function, params, call, answer)                                            \
     type function params                                                                           \
@@ -222,6 +243,8 @@ HOST_CALL(int, obs_output_get_total_frames, (const obs_output_t *), "output_get_
           host.streaming.totalFrames)
 HOST_CALL(int, obs_output_get_frames_dropped, (const obs_output_t *), "output_get_frames_dropped",
           host.streaming.droppedFrames)
+HOST_CALL(config_t *, obs_frontend_get_global_config, (void), "get_global_config", &host.global)
+HOST_CALL(config_t *, obs_frontend_get_user_config, (void), "get_user_config", &host.user)
 HOST_CALL(void, obs_output_release, (obs_output_t *), "output_release", void())
 
 } // extern "C"

@@ -34,6 +34,8 @@ struct Streaming {
     QVariantMap saved;
 };
 Streaming &streaming();
+// [BasicWindow] DockState in OBS 30's global configuration, or with `user` in OBS 31's.
+QByteArray &dockState(bool user);
 // Delivers an obs_frontend_event (an int, so that this header needs no OBS header) to every
 // registered callback.
 void sendEvent(int event);
