@@ -80,7 +80,7 @@ def exit_while_held(host):
     print("faults: the service holds every request; OBS exits meanwhile", flush=True)
     fault(host, "stall")
     hold(host)
-    longest = max(stalls(host, host.faults_began))
+    longest = max(stalls(host, host.faults_began), default=0)
     check(longest < LONGEST_STALL_MS, f"OBS's UI thread was never held up {LONGEST_STALL_MS} ms "
           f"while the service failed: {longest} ms at most")
     host.exit_obs()
