@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
-"""The service in trouble under a signed-in OBS: replies of garbage, the service gone while OBS
-streams and back again, replies that never come while OBS exits. The stall probe, a module of the
-test's own beside the plug-in, times OBS's UI thread all the while."""
+"""The service in trouble under a signed-in OBS that streams: replies of garbage, the service gone,
+back with replies that never come, and answering again; then replies that never come while OBS
+exits. The stall probe, a module of the test's own beside the plug-in, times OBS's UI thread all
+the while."""
 
 import time
 
@@ -22,7 +23,8 @@ def stalls(host, since=0):
 
 
 def fault(host, name):
-    check(host.ask_service("/dev/fault", body={"fault": name})[0] == 200, f"the service {name}")
+    check(host.ask_service("/dev/fault", body={"fault": name})[0] == 200,
+          f"the service's fault is \"{name}\"")
 
 
 def fail(host, message):
