@@ -90,6 +90,9 @@ QString DevService::readObjectBody(const QHttpServerRequest &request, QJsonObjec
 
 DevService::DevService(QObject *parent) : QObject(parent)
 {
+    // First of all, so that a stall stands before every other route.
+    routeFaults();
+
     accounts_.append({QStringLiteral("usr_demo"), QStringLiteral("demo@tessivane.dev"),
                       QStringLiteral("tessivane-demo"), QStringLiteral("Demo Streamer"),
                       QStringLiteral("Creator"), QStringLiteral("tsv_live_demo_7c41e2b95d08a3f6")});
@@ -119,16 +122,20 @@ DevService::DevService(QObject *parent) : QObject(parent)
 
     http_.setMissingHandler(this, [](const QHttpServerRequest &request,
                                      QHttpServerResponder &responder) {
-        qCInfo(lcRequests).noquote() << methodName(request.method()) << request.url().path() << 404;
+        logRequest(request, "404");
         responder.sendResponse(
             errorResponse(StatusCode::NotFound,
                           QStringLiteral("Nothing is served at %1.").arg(request.url().path())));
     });
     http_.addAfterRequestHandler(
         this, [](const QHttpServerRequest &request, QHttpServerResponse &response) {
-            qCInfo(lcRequests).noquote() << methodName(request.method()) << request.url().path()
-                                         << static_cast<int>(response.statusCode());
+            logRequest(request, QByteArray::number(static_cast<int>(response.statusCode())));
         });
+}
+
+void DevService::logRequest(const QHttpServerRequest &request, const QByteArray &outcome)
+{
+    qCInfo(lcRequests).noquote() << methodName(request.method()) << request.url().path() << outcome;
 }
 
 bool DevService::listen(quint16 port, const QString &certPath, const QString &keyPath,

@@ -15,6 +15,7 @@
 #include <QString>
 
 #include <functional>
+#include <vector>
 
 class QTcpServer;
 
@@ -42,6 +43,10 @@ public:
     // Keeps a session of an earlier run of the service valid for the demo account, so that a
     // signed-in OBS stays signed in across a restart.
     void resumeSession(const QString &token);
+    // Puts every request under /api/ in trouble, to try a client against a failing service:
+    // "stall" holds them unanswered, "garbage" answers them with a body that is no JSON, "none"
+    // ends it (README). False, and nothing changed, for any other name.
+    bool setFault(const QString &name);
 
     // Keeps the newest `count` chat messages from now on and fills the feed up to that many at
     // once, to try the Chat dock under the load of a busy stream.
@@ -81,6 +86,7 @@ private:
 
     // One routing function per area of the interface, each in a file of its own but the first
     // two.
+    void routeFaults();
     void routeAuth();
     void routeAccount();
     void routeChannels();
@@ -99,6 +105,8 @@ private:
                                        const AccountHandler &handler) const;
     void routeSignedInPost(const QString &pattern, PostHandler handler);
 
+    // One line of the request log: method, path and what became of the request.
+    static void logRequest(const QHttpServerRequest &request, const QByteArray &outcome);
     QHttpServerResponse login(const QHttpServerRequest &request);
     QHttpServerResponse sendChat(const Account &account, const QJsonObject &body);
     void backfillChat(int count);
@@ -132,4 +140,8 @@ private:
     bool plain_ = false;
     quint16 ingestPort_ = 1935;
     QSet<QString> streaming_; // ids of the accounts whose stream is on, as the plug-in said
+    enum class Fault { None, Stall, Garbage };
+    Fault fault_ = Fault::None;
+    // The requests held by a stall; they go before the server that reads them.
+    std::vector<QHttpServerResponder> held_;
 };

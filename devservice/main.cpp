@@ -91,8 +91,13 @@ int main(int argc, char *argv[])
     const QCommandLineOption busyChatOption(
         QStringLiteral("busy-chat"),
         QStringLiteral("Keep 500 messages in the chat feed, as on a busy stream."));
+    const QCommandLineOption faultOption(
+        QStringLiteral("fault"),
+        QStringLiteral("Start with the interface in trouble: none (the default), stall or garbage; "
+                       "POST /dev/fault switches it later."),
+        QStringLiteral("FAULT"), QStringLiteral("none"));
     parser.addOptions({portOption, certOption, keyOption, plainOption, rtmpPortOption,
-                       releaseOption, resumeOption, busyChatOption});
+                       releaseOption, resumeOption, busyChatOption, faultOption});
     parser.process(app);
 
     const int port = portValue(parser, portOption, 0);
@@ -127,6 +132,11 @@ int main(int argc, char *argv[])
         service.resumeSession(parser.value(resumeOption));
     if (parser.isSet(busyChatOption))
         service.keepChatMessages(DevService::busyChatMessages);
+    if (!service.setFault(parser.value(faultOption))) {
+        std::fprintf(stderr, "tessivane-dev-service: unknown --fault %s\n",
+                     qPrintable(parser.value(faultOption)));
+        return 2;
+    }
     QString error;
     const bool listening = parser.isSet(plainOption)
                                ? service.listenPlain(quint16(port), &error)

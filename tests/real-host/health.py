@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
-"""The Stream Health dock in a real OBS: a few seconds of a real stream to the account's ingest."""
+"""The Stream Health dock in a real OBS: a real stream to the account's ingest, started and, some
+steps later, stopped."""
 
 import re
 import subprocess
@@ -13,9 +14,18 @@ def platform_states(host):
     return [stat["status"] for stat in host.ask_service("/api/live/stats", host.token)[1]["stats"]]
 
 
-def run(host):
+def reaches_ingest(host):
+    """Whether the RTMP server hands on a video stream under the account's key."""
+    probe = subprocess.run(["ffprobe", "-v", "error", "-rw_timeout", "10000000", "-show_entries",
+                            "stream=codec_type", "-of", "csv=p=0",
+                            f"{host.ingest['server']}/{host.ingest['streamKey']}"],
+                           capture_output=True, text=True, timeout=30)
+    return "video" in probe.stdout.split()
+
+
+def start(host):
     print("health: Start Streaming sends OBS's stream to the account's ingest", flush=True)
-    ingest = host.ask_service("/api/stream-engine/ingest", host.token)[1]
+    host.ingest = ingest = host.ask_service("/api/stream-engine/ingest", host.token)[1]
     settings = {"server": ingest["server"], "key": ingest["streamKey"], "use_auth": False}
     wait_for("OBS's profile holds a custom RTMP service with the account's ingest", lambda: (
         saved := host.streaming_service())["type"] == "rtmp_custom"
@@ -29,11 +39,7 @@ def run(host):
         text = " ".join(label.name for label in find(outcome[0], "label"))
         press(find(outcome[0], "button")[0])
         raise AssertionError(f"OBS did not stream: {text}")
-    probe = subprocess.run(["ffprobe", "-v", "error", "-rw_timeout", "10000000", "-show_entries",
-                            "stream=codec_type", "-of", "csv=p=0",
-                            f"{ingest['server']}/{ingest['streamKey']}"],
-                           capture_output=True, text=True, timeout=30)
-    check("video" in probe.stdout.split(), f"the RTMP server hands on the stream: {probe.stdout!r}")
+    check(reaches_ingest(host), "the RTMP server hands on the stream")
     wait_for("the service was told the stream is on", lambda: "live" in platform_states(host))
     wait_for("the dock shows an upload rate above zero", lambda: any(
         re.fullmatch(r"\d+\.\d\d Mbps", label.name) and float(label.name.split()[0]) > 0
@@ -44,6 +50,9 @@ def run(host):
     wait_for(f"the platforms line counts the {live} live channels", lambda: any(
         label.name.startswith(f"{live} live / ") for label in host.shown("label", dock=DOCK)))
     host.screenshot("health.png")
+
+
+def stop(host):
     press(host.shown("button", "Stop Streaming", DOCK)[0])
     wait_for("Stop Streaming ends the stream", lambda: host.shown(
         "button", "Start Streaming", DOCK), 20)

@@ -100,6 +100,10 @@ class Host(Session):
                  "settings": {"color": 4283215696, "width": 640, "height": 360}}]}))
         shutil.copytree(SOURCE / "data", plugin / "data")
         shutil.copy2(self.args.module, plugin / "bin/64bit/tessivane.so")
+        probe = self.obs_config / "plugins/tessivane-stall-probe/bin/64bit"
+        probe.mkdir(parents=True)
+        shutil.copy2(self.args.probe, probe)
+        self.stalls = self.run / "ui-stalls.txt"
         for key in [k for k in os.environ if k.startswith(("XDG_", "WAYLAND", "QT_"))]:
             del os.environ[key]
         # Qt hands a file to the system through the first xdg-open on PATH; this one records it.
@@ -115,10 +119,12 @@ class Host(Session):
               f"the development service runs: {line}")
         check(self.start_ingest(), f"the RTMP server takes connections on {self.rtmp_port}")
 
-    def ask_service(self, path, token=None):
-        """Status and JSON body of a GET to the development service, as a client of its own."""
-        request = urllib.request.Request(f"https://127.0.0.1:{self.port}{path}", headers=dict(
-            Authorization=f"Bearer {token}") if token else {})
+    def ask_service(self, path, token=None, body=None):
+        """Status and JSON body of a GET to the development service, as a client of its own, or
+        of a POST with a body."""
+        request = urllib.request.Request(
+            f"https://127.0.0.1:{self.port}{path}", data=body and json.dumps(body).encode(),
+            headers=dict(Authorization=f"Bearer {token}") if token else {})
         try:
             with urllib.request.urlopen(request, context=self.ca, timeout=10) as reply:
                 return reply.status, json.load(reply)
@@ -138,6 +144,7 @@ class Host(Session):
                                      "1600x1000+0+0", env=dict(
                                          os.environ, QT_QPA_PLATFORM="xcb",
                                          LIBGL_ALWAYS_SOFTWARE="1",
+                                         TESSIVANE_STALL_LOG=str(self.stalls),
                                          QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1"))
         self.log = wait_for("OBS opens a new log file",
                             lambda: next(iter(set(logs.glob("*.txt")) - before)), 30)

@@ -11,8 +11,10 @@ import sys
 import account
 import channels
 import chat
+import faults
 import health
 import layout
+import leaks
 import stream_info
 import updates
 from host import Host, find
@@ -25,18 +27,23 @@ def run(host):
     channels.run(host)
     stream_info.run(host)
     chat.run(host)
-    health.run(host)
     updates.run(host)
     layout.run(host)
-    host.exit_obs()
+    health.start(host)
+    leaks.secrets_in_place(host, signed_in=True)
+    faults.run(host)
+    health.stop(host)
+    faults.exit_while_held(host)
     layout.restart(host)
     account.sign_out(host)
+    leaks.secrets_in_place(host, signed_in=False)
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--module", required=True, help="the built tessivane.so")
     parser.add_argument("--dev-service", required=True, help="the tessivane-dev-service binary")
+    parser.add_argument("--probe", required=True, help="the built tessivane-stall-probe.so")
     parser.add_argument("--port", type=int, required=True, help="port of the service origin")
     parser.add_argument("--work", required=True, help="folder for screenshots and logs")
     host = Host(parser.parse_args())

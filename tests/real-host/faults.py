@@ -1,0 +1,91 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
+"""The service in trouble under a signed-in OBS that streams: replies of garbage, the service gone,
+back with replies that never come, and answering again; then replies that never come while OBS
+exits. The stall probe, a module of the test's own beside the plug-in, times OBS's UI thread all
+the while."""
+
+import time
+
+import health
+import pyatspi
+from host import DOCKS, check, find, press, read, wait_for
+
+ACCOUNT, CHANNELS, STREAM_INFO = DOCKS[0], DOCKS[1], DOCKS[2]
+SWITCH = "Include demostreamer"
+# Far beyond what the scheduler of a busy machine costs, far below any wait on the network.
+LONGEST_STALL_MS = 1000
+
+
+def stalls(host, since=0):
+    """The probe's late ticks since an instant of time.monotonic(), in ms."""
+    lines = [line.split() for line in read(host.stalls).splitlines()]
+    return [int(late) for at, late in lines if int(at) >= since * 1000]
+
+
+def fault(host, name):
+    check(host.ask_service("/dev/fault", body={"fault": name})[0] == 200,
+          f"the service's fault is \"{name}\"")
+
+
+def fail(host, message):
+    """Refresh and Save fail, and both status lines say so: the Account dock's, behind its
+    account page, with whichever request failed last, and the Stream Information dock's."""
+    press(host.shown("button", "Refresh", CHANNELS)[0])
+    press(host.shown("button", "Save Stream Information", STREAM_INFO)[0])
+    wait_for(f"the Account dock's status line ends in \"{message}\"", lambda: any(
+        label.name.endswith(f": {message}") for label in find(host.dock(ACCOUNT), "label")))
+    wait_for("the Stream Information dock says so", lambda: host.shown(
+        "label", f"Save stream information: {message}", STREAM_INFO))
+
+
+def included(host):
+    return host.shown("check box", SWITCH, CHANNELS)[0].getState().contains(pyatspi.STATE_CHECKED)
+
+
+def hold(host):
+    """Refresh, and the stalling service holds a request of the plug-in's."""
+    log, line = host.run / "dev-service.log", "GET /api/channels held"
+    before = read(log).count(line)
+    press(host.shown("button", "Refresh", CHANNELS)[0])
+    wait_for("the service holds the plug-in's request", lambda: read(log).count(line) > before)
+
+
+def run(host):
+    """While OBS streams."""
+    check(stalls(host), "the stall probe runs inside OBS")
+    host.faults_began = time.monotonic()
+    print("faults: the service answers garbage", flush=True)
+    fault(host, "garbage")
+    fail(host, "Tessivane returned an invalid response.")
+    fault(host, "none")
+
+    print("faults: the service stops; the stream and the streamer go on", flush=True)
+    host.stop(host.service)
+    check(not included(host), f"\"{SWITCH}\" is off")
+    press(host.shown("check box", SWITCH, CHANNELS)[0])
+    fail(host, "Connection refused")
+    check(health.reaches_ingest(host), "the RTMP server still hands on OBS's stream")
+    check(included(host), f"\"{SWITCH}\" stays as the streamer set it")
+    host.screenshot("faults-service-away.png")
+
+    print("faults: the service comes back, but its replies never come", flush=True)
+    check("listening" in host.start_service(host.args.dev_service, "--resume-session", host.token,
+                                            "--fault", "stall"), "the service listens, stalling")
+    hold(host)
+    check(included(host), f"\"{SWITCH}\" stays on")
+    print("faults: the service answers again; the next poll shows its state", flush=True)
+    fault(host, "none")
+    wait_for(f"\"{SWITCH}\" is off again, as the service has it", lambda: not included(host), 15)
+
+
+def exit_while_held(host):
+    print("faults: the service holds every request; OBS exits meanwhile", flush=True)
+    fault(host, "stall")
+    hold(host)
+    longest = max(stalls(host, host.faults_began), default=0)
+    check(longest < LONGEST_STALL_MS, f"OBS's UI thread was never held up {LONGEST_STALL_MS} ms "
+          f"while the service failed: {longest} ms at most")
+    host.exit_obs()
+    fault(host, "none")
+    print(f"faults: the longest UI stall was {longest} ms while the service failed, "
+          f"{max(stalls(host))} ms in the whole run, OBS's start included", flush=True)

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+// Loaded into OBS beside the plug-in by the real-host test: a timer on OBS's UI thread that ought
+// to fire every 5 ms. Whenever it fires more than 3 ms late, the thread was kept from its event
+// loop that long, and it appends "<CLOCK_MONOTONIC ms> <lateness ms>" to the file named by
+// TESSIVANE_STALL_LOG; a first line "<ms> 0" says that it runs.
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTimer>
+
+#include <obs-module.h>
+
+OBS_DECLARE_MODULE()
+
+namespace {
+constexpr qint64 intervalMs = 5;
+constexpr qint64 reportedMs = 3;
+QTimer *probe = nullptr;
+} // namespace
+
+bool obs_module_load(void)
+{
+    probe = new QTimer;
+    auto *log = new QFile(qEnvironmentVariable("TESSIVANE_STALL_LOG"), probe);
+    if (!log->open(QIODevice::Append | QIODevice::Unbuffered))
+        return false;
+    QElapsedTimer clock;
+    clock.start();
+    auto write = [log](qint64 at, qint64 lateness) {
+        log->write(QByteArray::number(at) + ' ' + QByteArray::number(lateness) + '\n');
+    };
+    write(clock.msecsSinceReference(), 0);
+    QObject::connect(probe, &QTimer::timeout, [clock, write]() mutable {
+        const qint64 lateness = clock.restart() - intervalMs;
+        if (lateness > reportedMs)
+            write(clock.msecsSinceReference(), lateness);
+    });
+    probe->setTimerType(Qt::PreciseTimer);
+    probe->start(intervalMs);
+    return true;
+}
+
+void obs_module_unload(void)
+{
+    delete probe;
+}
