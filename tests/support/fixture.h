@@ -58,6 +58,12 @@ private:
 
 struct TessivaneTestAccess {
     static TessivaneApi &api(TessivaneController &controller) { return controller.api_; }
+    // The status lines: the general one, the stream one and the update one.
+    static QStringList statusLines(const TessivaneController &controller)
+    {
+        return {controller.accountStatusLabel_->text(), controller.streamInfoStatusLabel_->text(),
+                controller.updateStatusLabel_->text()};
+    }
 
     // Waits until no request of the client is in flight, so that the service has seen all of
     // them: a test then compares the exact list instead of sleeping.
