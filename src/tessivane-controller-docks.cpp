@@ -175,12 +175,24 @@ QLabel *heading(const QString &text, QWidget *parent)
     return label;
 }
 
-QLabel *muted(const QString &text, QWidget *parent)
+namespace {
+// Word-wrapped, and neither wider than its dock nor taller than a screenful, however long a text
+// or word the service sends: a dock stretched to a million pixels crashes Qt's painting. What
+// does not fit is cut off.
+QLabel *wrapped(const QString &text, const char *objectName, QWidget *parent)
 {
     auto *label = new QLabel(text, parent);
-    label->setObjectName(QStringLiteral("TessivaneMuted"));
+    label->setObjectName(QLatin1String(objectName));
     label->setWordWrap(true);
+    label->setMinimumWidth(1);
+    label->setMaximumHeight(320);
     return label;
+}
+} // namespace
+
+QLabel *muted(const QString &text, QWidget *parent)
+{
+    return wrapped(text, "TessivaneMuted", parent);
 }
 
 QFrame *TessivaneController::makePanel(QWidget *parent) const
@@ -192,10 +204,7 @@ QFrame *TessivaneController::makePanel(QWidget *parent) const
 
 QLabel *TessivaneController::makeValueLabel(const QString &text, QWidget *parent) const
 {
-    auto *label = new QLabel(text, parent);
-    label->setObjectName(QStringLiteral("TessivaneValue"));
-    label->setWordWrap(true);
-    return label;
+    return wrapped(text, "TessivaneValue", parent);
 }
 
 bool TessivaneController::registerDock(const char *id, const char *title, QWidget *widget)

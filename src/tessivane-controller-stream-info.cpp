@@ -49,6 +49,7 @@ QWidget *TessivaneController::buildStreamInfoDock()
     form->addRow(QStringLiteral("Title"), titleEdit_);
     descriptionEdit_ = new QTextEdit(root);
     descriptionEdit_->setMaximumHeight(90);
+    descriptionEdit_->setWordWrapMode(QTextOption::WordWrap);
     form->addRow(QStringLiteral("Description"), descriptionEdit_);
     notificationEdit_ = new QLineEdit(root);
     notificationEdit_->setPlaceholderText(

@@ -43,13 +43,18 @@ ScriptedService::ScriptedService(QObject *parent) : QObject(parent)
     });
 }
 
-bool ScriptedService::listen(quint16 port)
+QSslConfiguration ScriptedService::tls()
 {
-    auto *server = new QSslServer(this);
     QSslConfiguration config;
     config.setLocalCertificateChain(QSslCertificate::fromData(readFile("server.pem")));
     config.setPrivateKey(QSslKey(readFile("server-key.pem"), QSsl::Ec));
-    server->setSslConfiguration(config);
+    return config;
+}
+
+bool ScriptedService::listen(quint16 port)
+{
+    auto *server = new QSslServer(this);
+    server->setSslConfiguration(tls());
     if (!server->listen(QHostAddress::LocalHost, port)) {
         qWarning("Cannot listen on 127.0.0.1:%d: %s", port, qPrintable(server->errorString()));
         return false;

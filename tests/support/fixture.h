@@ -11,6 +11,7 @@
 #include <QMainWindow>
 #include <QNetworkReply>
 #include <QSettings>
+#include <QSslConfiguration>
 #include <QtTest>
 
 #include "obs-host-double.h"
@@ -39,7 +40,8 @@ public:
     static constexpr int hold = 0;
 
     explicit ScriptedService(QObject *parent = nullptr);
-    bool listen(quint16 port = 0); // 0 picks a free one
+    bool listen(quint16 port = 0);  // 0 picks a free one
+    static QSslConfiguration tls(); // the development service's certificate and key
     QUrl baseUrl() const;
 
     // The answer to each request for a target; others get `fallback`.
@@ -56,16 +58,26 @@ private:
 
 struct TessivaneTestAccess {
     static TessivaneApi &api(TessivaneController &controller) { return controller.api_; }
+    // The status lines: the general one, the stream one and the update one.
+    static QStringList statusLines(const TessivaneController &controller)
+    {
+        return {controller.accountStatusLabel_->text(), controller.streamInfoStatusLabel_->text(),
+                controller.updateStatusLabel_->text()};
+    }
 
     // Waits until no request of the client is in flight, so that the service has seen all of
     // them: a test then compares the exact list instead of sleeping.
     static bool settle(TessivaneApi &api)
     {
-        return QTest::qWaitFor([&]() {
-            const QList<QNetworkReply *> replies = api.manager_.findChildren<QNetworkReply *>();
-            return std::none_of(replies.begin(), replies.end(),
-                                [](QNetworkReply *reply) { return reply->isRunning(); });
-        });
+        return QTest::qWaitFor([&]() { return running(&api.manager_) == 0; });
+    }
+    static QObject *manager(TessivaneApi &api) { return &api.manager_; }
+    // The requests in flight among the children of a network manager (or of their owner).
+    static qsizetype running(const QObject *owner)
+    {
+        const QList<QNetworkReply *> replies = owner->findChildren<QNetworkReply *>();
+        return std::count_if(replies.begin(), replies.end(),
+                             [](QNetworkReply *reply) { return reply->isRunning(); });
     }
     static int liveReplies(TessivaneApi &api) { return api.manager_.children().size(); }
 };
