@@ -19,7 +19,7 @@ def run(host):
 
 
 def send_to_youtube(host, extents):
-    send = host.shown("button", "Send", CHAT)[0]
+    send = wait_for("the Send button shows", lambda: host.shown("button", "Send", CHAT))[0]
     wait_for("the feed shows the viewers' messages, and Send is enabled", lambda: len(
         host.shown("list item", dock=CHAT)) > 5 and send.getState().contains(pyatspi.STATE_ENABLED))
 

@@ -161,7 +161,9 @@ class Host(Session):
         return next(iter(find(self.window(), "frame", title)), None)
 
     def shown(self, role, name=None, dock=DOCKS[0]):
-        return [node for node in find(self.dock(dock), role, name) if showing(node)]
+        # A dock that OBS is still placing has no frame on the bus for a moment.
+        frame = self.dock(dock)
+        return [node for node in find(frame, role, name) if showing(node)] if frame else []
 
     @contextlib.contextmanager
     def alone(self, title):
