@@ -123,6 +123,8 @@ QWidget *TessivaneController::buildChannelsDock()
     header->addWidget(heading(QStringLiteral("Your Channels"), root));
     header->addStretch(1);
     channelsCountLabel_ = muted(QStringLiteral("0 selected"), root);
+    // A short text of our own, which reads best on one line beside the heading.
+    channelsCountLabel_->setWordWrap(false);
     header->addWidget(channelsCountLabel_);
     layout->addLayout(header);
 
