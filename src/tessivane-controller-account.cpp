@@ -28,7 +28,7 @@ QString planText(const QJsonValue &plan)
 QWidget *TessivaneController::buildAccountDock()
 {
     QWidget *root = makeRoot();
-    QVBoxLayout *layout = rootLayout(root, 12, 10);
+    QVBoxLayout *layout = scrollingRootLayout(root, 12, 10);
 
     auto *brand = new QLabel(QStringLiteral("TESSIVANE"), root);
     brand->setObjectName(QStringLiteral("TessivaneBrand"));
@@ -119,9 +119,9 @@ void TessivaneController::setSignedInUi(bool signedIn)
     }
     const QString name = account_.value(QStringLiteral("name")).toString().trimmed();
     const QString email = account_.value(QStringLiteral("email")).toString().trimmed();
-    accountNameLabel_->setText(name.isEmpty() ? email : name);
+    accountNameLabel_->setText(shownText(name.isEmpty() ? email : name));
     QString plan = planText(account_.value(QStringLiteral("plan")));
     if (plan.isEmpty())
         plan = QStringLiteral("Free");
-    accountDetailLabel_->setText(QStringLiteral("%1 plan\n%2").arg(plan, email));
+    accountDetailLabel_->setText(shownText(QStringLiteral("%1 plan\n%2").arg(plan, email)));
 }

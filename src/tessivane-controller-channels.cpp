@@ -48,22 +48,22 @@ void addManualDestination(TessivaneApi &api, QWidget *parent, const QString &dis
         QLineEdit::EchoMode echo;
         QString text;
     } questions[] = {
-        {QStringLiteral("Add %1 Live"), QStringLiteral("Channel or account name:"),
+        {QStringLiteral("Add %1 Live").arg(displayName), QStringLiteral("Channel or account name:"),
          QLineEdit::Normal, displayName},
-        {QStringLiteral("%1 Live Server"),
-         QStringLiteral("Paste the Server URL from %1 Live Producer:"), QLineEdit::Normal,
+        {QStringLiteral("%1 Live Server").arg(displayName),
+         QStringLiteral("Paste the Server URL from %1 Live Producer:").arg(displayName),
+         QLineEdit::Normal,
          displayName == QLatin1String("Facebook") ? QString::fromLatin1(facebookIngest)
                                                   : QString()},
-        {QStringLiteral("%1 Stream Key"),
+        {QStringLiteral("%1 Stream Key").arg(displayName),
          QStringLiteral("Paste the stream key. Tessivane encrypts it before storage:"),
          QLineEdit::Password, QString()},
     };
     QStringList answers;
     for (const auto &question : questions) {
         bool accepted = false;
-        const QString answer = QInputDialog::getText(parent, question.title.arg(displayName),
-                                                     question.label.arg(displayName), question.echo,
-                                                     question.text, &accepted);
+        const QString answer = QInputDialog::getText(parent, question.title, question.label,
+                                                     question.echo, question.text, &accepted);
         if (!accepted || answer.trimmed().isEmpty())
             return;
         answers << answer; // as typed: the client trims
@@ -123,7 +123,8 @@ QWidget *TessivaneController::buildChannelsDock()
     header->addWidget(heading(QStringLiteral("Your Channels"), root));
     header->addStretch(1);
     channelsCountLabel_ = muted(QStringLiteral("0 selected"), root);
-    // A short text of our own, which reads best on one line beside the heading.
+    // A short text of our own, which reads best on one line beside the heading, and whole: the
+    // dock is never narrower than the heading and the count together.
     channelsCountLabel_->setWordWrap(false);
     header->addWidget(channelsCountLabel_);
     layout->addLayout(header);
@@ -156,8 +157,10 @@ QWidget *TessivaneController::buildChannelsDock()
     layout->addLayout(actions);
     connect(refreshButton, &QPushButton::clicked, &api_, &TessivaneApi::fetchChannels);
 
+    // Only the list shrinks and scrolls: the heading and the buttons stay in view.
     auto *scroll = new QScrollArea(root);
     scroll->setWidgetResizable(true);
+    scroll->setMinimumHeight(shortestScroll);
     layout->addWidget(scroll, 1);
     // Named like the root, so that its glow paints behind the list too.
     channelsContainer_ = new QWidget;
@@ -170,6 +173,7 @@ QWidget *TessivaneController::buildChannelsDock()
     list->addWidget(channelsEmptyLabel_);
     list->addStretch(1);
     scroll->setWidget(channelsContainer_);
+    showThrough(scroll);
     return root;
 }
 
@@ -196,11 +200,12 @@ void TessivaneController::renderChannels(const QJsonArray &channels)
         auto *textLayout = new QVBoxLayout;
         const QString provider = providerLabel(channel);
         const QString name = jsonString(channel, QStringLiteral("name"), provider);
-        QLabel *nameLabel = makeValueLabel(name, row);
-        QLabel *metaLabel = muted(QStringLiteral("%1  |  %2")
-                                      .arg(provider, jsonString(channel, QStringLiteral("status"),
-                                                                QStringLiteral("Offline"))),
-                                  row);
+        QLabel *nameLabel = makeValueLabel(shownText(name), row);
+        QLabel *metaLabel =
+            muted(shownText(QStringLiteral("%1  |  %2")
+                                .arg(provider, jsonString(channel, QStringLiteral("status"),
+                                                          QStringLiteral("Offline")))),
+                  row);
         textLayout->addWidget(nameLabel);
         textLayout->addWidget(metaLabel);
         rowLayout->addLayout(textLayout, 1);

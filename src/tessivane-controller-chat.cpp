@@ -95,7 +95,9 @@ QWidget *TessivaneController::buildChatDock()
     QWidget *root = makeRoot();
     QVBoxLayout *layout = rootLayout(root, 10, 8);
 
+    // The feed shrinks, down to a row, so that the send row below stays in view.
     chatList_ = new QListWidget(root);
+    chatList_->setMinimumHeight(shortestScroll);
     chatList_->addItem(QStringLiteral("Loading connected platform chats..."));
     layout->addWidget(chatList_, 1);
 

@@ -19,18 +19,18 @@
 #include <dlfcn.h>
 
 namespace {
-// Holds a panel's content. The dock around it may grow shorter than the content, which then
-// scrolls, but never narrower: nothing scrolls sideways.
+// Holds a panel's content. The dock around it may grow shorter than the content, down to a line
+// or two, and the content then scrolls; but never narrower: nothing scrolls sideways.
 class PanelScroll : public QScrollArea {
 public:
     using QScrollArea::QScrollArea;
 
     QSize minimumSizeHint() const override
     {
-        const QSize scrolling = QScrollArea::minimumSizeHint();
         const int content = widget() ? widget()->minimumSizeHint().width() : 0;
-        return {qMax(scrolling.width(), content + verticalScrollBar()->sizeHint().width()),
-                scrolling.height()};
+        return {qMax(QScrollArea::minimumSizeHint().width(),
+                     content + verticalScrollBar()->sizeHint().width()),
+                shortestScroll};
     }
 
 protected:
@@ -150,7 +150,25 @@ QWidget *makeRoot()
     return root;
 }
 
+void showThrough(QScrollArea *scroll)
+{
+    // QScrollArea fills its content with the palette's window colour, which would hide the
+    // root's glow; and it must neither be a Tab stop nor take the focus from a field on a click.
+    scroll->setFocusPolicy(Qt::NoFocus);
+    scroll->viewport()->setAutoFillBackground(false);
+    if (scroll->widget())
+        scroll->widget()->setAutoFillBackground(false);
+}
+
 QVBoxLayout *rootLayout(QWidget *root, int margin, int spacing)
+{
+    auto *layout = new QVBoxLayout(root);
+    layout->setContentsMargins(margin, margin, margin, margin);
+    layout->setSpacing(spacing);
+    return layout;
+}
+
+QVBoxLayout *scrollingRootLayout(QWidget *root, int margin, int spacing)
 {
     // The content scrolls over the root, so that the glow stays in place and fills the dock
     // however far it is scrolled.
@@ -161,10 +179,9 @@ QVBoxLayout *rootLayout(QWidget *root, int margin, int spacing)
     scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     frame->addWidget(scroll);
     auto *content = new QWidget;
-    auto *layout = new QVBoxLayout(content);
-    layout->setContentsMargins(margin, margin, margin, margin);
-    layout->setSpacing(spacing);
+    QVBoxLayout *layout = rootLayout(content, margin, spacing);
     scroll->setWidget(content);
+    showThrough(scroll);
     return layout;
 }
 
@@ -176,23 +193,46 @@ QLabel *heading(const QString &text, QWidget *parent)
 }
 
 namespace {
-// Word-wrapped, and neither wider than its dock nor taller than a screenful, however long a text
-// or word the service sends: a dock stretched to a million pixels crashes Qt's painting. What
-// does not fit is cut off.
-QLabel *wrapped(const QString &text, const char *objectName, QWidget *parent)
+QLabel *wrappedLabel(const QString &text, const char *objectName, QWidget *parent)
 {
     auto *label = new QLabel(text, parent);
     label->setObjectName(QLatin1String(objectName));
     label->setWordWrap(true);
-    label->setMinimumWidth(1);
-    label->setMaximumHeight(320);
     return label;
 }
 } // namespace
 
 QLabel *muted(const QString &text, QWidget *parent)
 {
-    return wrapped(text, "TessivaneMuted", parent);
+    return wrappedLabel(text, "TessivaneMuted", parent);
+}
+
+QString shownText(const QString &text)
+{
+    // Beyond a few kilobytes nothing is readable in a dock, and a text laid out millions of
+    // pixels high breaks Qt's painting.
+    constexpr qsizetype longest = 4096;
+    // A label wraps only between words: a break may fall after this many characters of a longer
+    // one, so that an address or a name without blanks stays inside the dock.
+    constexpr int wordPiece = 24;
+    qsizetype end = qMin(text.size(), longest);
+    if (end < text.size() && text.at(end - 1).isHighSurrogate())
+        --end;
+    QString shown;
+    shown.reserve(end + end / wordPiece + 1);
+    int run = 0;
+    for (qsizetype i = 0; i < end; ++i) {
+        const QChar c = text.at(i);
+        run = c.isSpace() ? 0 : run + 1;
+        if (run > wordPiece && !c.isLowSurrogate()) {
+            shown.append(QChar(0x200B)); // zero width space
+            run = 1;
+        }
+        shown.append(c);
+    }
+    if (end < text.size())
+        shown.append(QChar(0x2026)); // ellipsis
+    return shown;
 }
 
 QFrame *TessivaneController::makePanel(QWidget *parent) const
@@ -204,7 +244,7 @@ QFrame *TessivaneController::makePanel(QWidget *parent) const
 
 QLabel *TessivaneController::makeValueLabel(const QString &text, QWidget *parent) const
 {
-    return wrapped(text, "TessivaneValue", parent);
+    return wrappedLabel(text, "TessivaneValue", parent);
 }
 
 bool TessivaneController::registerDock(const char *id, const char *title, QWidget *widget)
@@ -221,10 +261,11 @@ bool TessivaneController::registerDock(const char *id, const char *title, QWidge
                           QDockWidget::DockWidgetFloatable);
         dock->setFloating(false);
     }
-    docks_[QString::fromUtf8(id)] = widget;
+    const QString dockId = QString::fromUtf8(id);
+    docks_[dockId] = widget;
     // OBS deletes its docks at exit before it unloads the module, and timers and replies can
-    // still arrive in between: from then on no widget may be touched.
-    connect(widget, &QObject::destroyed, this, &TessivaneController::clearWidgetPointers);
+    // still arrive in between: from then on no widget of that dock may be touched.
+    connect(widget, &QObject::destroyed, this, [this, dockId]() { clearWidgetPointers(dockId); });
     return true;
 }
 

@@ -36,7 +36,7 @@ QString verdict(bool streaming, double dropPercent)
 QWidget *TessivaneController::buildHealthDock()
 {
     QWidget *root = makeRoot();
-    QVBoxLayout *layout = rootLayout(root, 12, 8);
+    QVBoxLayout *layout = scrollingRootLayout(root, 12, 8);
     layout->addWidget(heading(QStringLiteral("Stream Health"), root));
 
     QFrame *panel = makePanel(root);

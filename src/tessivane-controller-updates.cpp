@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 // Finding a newer release of the plug-in, and its verified download.
 #include "tessivane-controller.h"
+#include "tessivane-widgets.h"
 
 #include <QCryptographicHash>
 #include <QDesktopServices>
@@ -95,7 +96,7 @@ void TessivaneController::handlePluginRelease(const QJsonObject &release)
         return;
     }
 
-    setText(updateStatusLabel_, QStringLiteral("Version %1 is available.").arg(version));
+    setText(updateStatusLabel_, shownText(QStringLiteral("Version %1 is available.").arg(version)));
     // Timers and replies go on inside the question's event loop; one question at a time.
     if (updatePromptOpen_) {
         manualUpdateCheck_ = false;
@@ -130,7 +131,7 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
     }
 
     setEnabled(checkUpdatesButton_, false);
-    setText(updateStatusLabel_, QStringLiteral("Downloading %1...").arg(name));
+    setText(updateStatusLabel_, shownText(QStringLiteral("Downloading %1...").arg(name)));
 
     // A manager of its own, so that neither the session token nor the client's headers ever
     // reach the installer's host.

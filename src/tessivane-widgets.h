@@ -5,16 +5,28 @@
 // give widgets the object names the sheet selects on.
 
 class QLabel;
+class QScrollArea;
 class QString;
 class QVBoxLayout;
 class QWidget;
 
 extern const char tessivaneStyleSheet[];
 
+// The least height of what scrolls in a dock (a form, the channel list, the chat feed), about one
+// row: five docks stacked in OBS's default window then all fit, with what must stay in view.
+inline constexpr int shortestScroll = 24;
+
 // Gives a parentless root the name and the sheet that all five panels share.
 QWidget *makeRoot();
-// The root's column, with the margins on all four sides and the spacing each panel asks for. It
-// stands in a scroll area that fills the root: a dock shorter than its panel scrolls.
+// The root's column, with the margins on all four sides and the spacing each panel asks for.
 QVBoxLayout *rootLayout(QWidget *root, int margin, int spacing);
+// The same column inside a scroll area that fills the root: a form dock shorter than its panel
+// scrolls, never sideways.
+QVBoxLayout *scrollingRootLayout(QWidget *root, int margin, int spacing);
+// Lets the root's look show through a scroll area and keeps it out of the focus chain.
+void showThrough(QScrollArea *scroll);
 QLabel *heading(const QString &text, QWidget *parent);
 QLabel *muted(const QString &text, QWidget *parent);
+// A text from the service as a label shows it: cut after 4096 characters, and free to wrap
+// inside a long word.
+QString shownText(const QString &text);

@@ -4,6 +4,7 @@
 // peer, while the controller and its five docks react to each. Nothing may crash or hang, and
 // every failure must reach the status lines as "label: message".
 #include "fixture.h"
+#include "tessivane-widgets.h"
 
 #include <QAbstractButton>
 #include <QComboBox>
@@ -333,7 +334,8 @@ private:
         failures_[label] << message;
         // The general line takes every failure; the stream line only those of streams and
         // categories; the update line says that a check failed.
-        const QString line = label + ": " + message;
+        // As the labels show it, cut and broken where a word is long.
+        const QString line = shownText(label + ": " + message);
         const QStringList lines = TessivaneTestAccess::statusLines(*controller_);
         const bool stream = label.contains("stream", Qt::CaseInsensitive) ||
                             label.contains("categor", Qt::CaseInsensitive);
