@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 // Start, stop and wiring of the controller, and the one reaction to failed requests.
 #include "tessivane-controller.h"
+#include "tessivane-widgets.h"
 
 #include <QDesktopServices>
 #include <QLabel>
@@ -16,6 +17,12 @@ constexpr int updateIntervalMs = 6 * 60 * 60 * 1000;
 constexpr int firstUpdateCheckMs = 10000;
 constexpr int secondHealthSampleMs = 1000;
 
+constexpr char accountDock[] = "tessivane.account";
+constexpr char channelsDock[] = "tessivane.channels";
+constexpr char streamInfoDock[] = "tessivane.stream-information";
+constexpr char healthDock[] = "tessivane.stream-health";
+constexpr char chatDock[] = "tessivane.chat";
+
 struct DockSpec {
     const char *id;
     const char *title;
@@ -23,12 +30,11 @@ struct DockSpec {
 };
 
 const DockSpec dockSpecs[] = {
-    {"tessivane.account", "Tessivane Account", &TessivaneController::buildAccountDock},
-    {"tessivane.channels", "Tessivane Channels", &TessivaneController::buildChannelsDock},
-    {"tessivane.stream-information", "Tessivane Stream Information",
-     &TessivaneController::buildStreamInfoDock},
-    {"tessivane.stream-health", "Tessivane Stream Health", &TessivaneController::buildHealthDock},
-    {"tessivane.chat", "Tessivane Chat", &TessivaneController::buildChatDock},
+    {accountDock, "Tessivane Account", &TessivaneController::buildAccountDock},
+    {channelsDock, "Tessivane Channels", &TessivaneController::buildChannelsDock},
+    {streamInfoDock, "Tessivane Stream Information", &TessivaneController::buildStreamInfoDock},
+    {healthDock, "Tessivane Stream Health", &TessivaneController::buildHealthDock},
+    {chatDock, "Tessivane Chat", &TessivaneController::buildChatDock},
 };
 } // namespace
 
@@ -118,36 +124,50 @@ void TessivaneController::shutdown()
     initialized_ = false;
 }
 
-void TessivaneController::clearWidgetPointers()
+void TessivaneController::clearWidgetPointers(const QString &dockId)
 {
-    accountStack_ = nullptr;
-    emailEdit_ = nullptr;
-    passwordEdit_ = nullptr;
-    accountStatusLabel_ = nullptr;
-    accountNameLabel_ = nullptr;
-    accountDetailLabel_ = nullptr;
-    updateStatusLabel_ = nullptr;
-    checkUpdatesButton_ = nullptr;
-    channelsContainer_ = nullptr;
-    channelsCountLabel_ = nullptr;
-    channelsEmptyLabel_ = nullptr;
-    titleEdit_ = nullptr;
-    descriptionEdit_ = nullptr;
-    notificationEdit_ = nullptr;
-    twitchCategoryCombo_ = nullptr;
-    kickCategoryCombo_ = nullptr;
-    tagsEdit_ = nullptr;
-    streamInfoStatusLabel_ = nullptr;
-    streamStateLabel_ = nullptr;
-    uploadLabel_ = nullptr;
-    droppedFramesLabel_ = nullptr;
-    optimizationLabel_ = nullptr;
-    platformsLabel_ = nullptr;
-    startStopButton_ = nullptr;
-    chatList_ = nullptr;
-    chatTargetCombo_ = nullptr;
-    chatInputEdit_ = nullptr;
-    chatSendButton_ = nullptr;
+    // Each dock's own pointers, so that the other docks go on updating when one is gone.
+    const auto gone = [&dockId](const char *id) {
+        return dockId.isEmpty() || dockId == QLatin1String(id);
+    };
+    if (gone(accountDock)) {
+        accountStack_ = nullptr;
+        emailEdit_ = nullptr;
+        passwordEdit_ = nullptr;
+        accountStatusLabel_ = nullptr;
+        accountNameLabel_ = nullptr;
+        accountDetailLabel_ = nullptr;
+        updateStatusLabel_ = nullptr;
+        checkUpdatesButton_ = nullptr;
+    }
+    if (gone(channelsDock)) {
+        channelsContainer_ = nullptr;
+        channelsCountLabel_ = nullptr;
+        channelsEmptyLabel_ = nullptr;
+    }
+    if (gone(streamInfoDock)) {
+        titleEdit_ = nullptr;
+        descriptionEdit_ = nullptr;
+        notificationEdit_ = nullptr;
+        twitchCategoryCombo_ = nullptr;
+        kickCategoryCombo_ = nullptr;
+        tagsEdit_ = nullptr;
+        streamInfoStatusLabel_ = nullptr;
+    }
+    if (gone(healthDock)) {
+        streamStateLabel_ = nullptr;
+        uploadLabel_ = nullptr;
+        droppedFramesLabel_ = nullptr;
+        optimizationLabel_ = nullptr;
+        platformsLabel_ = nullptr;
+        startStopButton_ = nullptr;
+    }
+    if (gone(chatDock)) {
+        chatList_ = nullptr;
+        chatTargetCombo_ = nullptr;
+        chatInputEdit_ = nullptr;
+        chatSendButton_ = nullptr;
+    }
 }
 
 void TessivaneController::refreshAll()
@@ -169,7 +189,8 @@ void TessivaneController::connectApi()
                 account_ = user;
                 ingestConfigured_ = false;
                 saveSession(token);
-                passwordEdit_->clear();
+                if (passwordEdit_)
+                    passwordEdit_->clear();
                 setSignedInUi(true);
                 refreshAll();
                 showDocks();
@@ -225,7 +246,7 @@ void TessivaneController::connectApi()
     });
     connect(&api_, &TessivaneApi::requestFailed, this,
             [this](const QString &operation, const QString &message) {
-                const QString text = QStringLiteral("%1: %2").arg(operation, message);
+                const QString text = shownText(QStringLiteral("%1: %2").arg(operation, message));
                 if (operation == QLatin1String("Check for updates")) {
                     manualUpdateCheck_ = false;
                     if (checkUpdatesButton_)

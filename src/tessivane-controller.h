@@ -78,7 +78,8 @@ private:
     QFrame *makePanel(QWidget *parent) const;
     QLabel *makeValueLabel(const QString &text, QWidget *parent) const;
     void connectApi();
-    void clearWidgetPointers();
+    // The widget pointers of one dock, or with no id those of all five.
+    void clearWidgetPointers(const QString &dockId = QString());
 
     // The reactions to the client's signals that belong to one dock each.
     void showLiveStats(const QJsonArray &stats);

@@ -2,6 +2,8 @@
 // The controller's start and stop, dock hosting, and where failures are shown.
 #include "fixture.h"
 
+#include <QLineEdit>
+#include <QListWidget>
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTimer>
@@ -110,6 +112,74 @@ private Q_SLOTS:
         controller_->removeDocks();
         QCOMPARE(hostDouble::calls().size(), 5);
         QVERIFY(hostDouble::calls().contains("remove_dock tessivane.chat"));
+    }
+
+    // OBS deletes the docks before it unloads the module while replies go on arriving: every
+    // reaction copes with its dock gone, and the other docks go on updating.
+    void everyReactionCopesWithADockGone_data()
+    {
+        QTest::addColumn<QString>("gone");
+        for (const QString &id : docks)
+            QTest::newRow(qPrintable(id)) << id;
+    }
+
+    void everyReactionCopesWithADockGone()
+    {
+        QFETCH(QString, gone);
+        QVERIFY(start());
+        delete hostDouble::dock(gone);
+        const QJsonObject user{{"name", "Ann"}};
+        const QJsonArray channels{QJsonObject{{"selected", true}, {"status", "live"}}};
+        const QJsonArray found{QJsonObject{{"name", "Celeste"}}};
+        TessivaneApi &client = api();
+        Q_EMIT client.signedIn(user, "tok");
+        Q_EMIT client.accountLoaded(user);
+        Q_EMIT client.channelsLoaded(channels, user);
+        Q_EMIT client.liveStatsLoaded(channels);
+        Q_EMIT client.ingestLoaded({{"server", "rtmp://127.0.0.1/live"}, {"streamKey", "key"}});
+        Q_EMIT client.streamProfileLoaded({{"title", "T"}});
+        Q_EMIT client.streamProfileSaved({}, {});
+        Q_EMIT client.categoriesLoaded("twitch", found);
+        Q_EMIT client.categoriesLoaded("kick", found);
+        Q_EMIT client.chatLoaded({QJsonObject{{"channel", "C"}, {"author", "A"}, {"text", "hi"}}},
+                                 {QJsonObject{{"connected", true}}});
+        Q_EMIT client.chatMessageSent();
+        Q_EMIT client.pluginReleaseLoaded({});
+        Q_EMIT client.signedOut();
+        Q_EMIT client.requestFailed("Save stream information", "down");
+        controller_->refreshHealth();
+
+        // What each dock shows after all of them, when it still stands.
+        const QHash<QString, std::function<bool(QWidget *)>> updated = {
+            {docks[0],
+             [](QWidget *dock) {
+                 return withText<QLabel>(dock, "Ann") &&
+                        withText<QLabel>(dock, "Save stream information: down");
+             }},
+            {docks[1],
+             [](QWidget *dock) {
+                 return withText<QLabel>(dock, "0 of 0 selected");
+             }},
+            {docks[2],
+             [](QWidget *dock) {
+                 return withText<QLineEdit>(dock, "T") &&
+                        withText<QLabel>(dock, "Save stream information: down");
+             }},
+            {docks[3],
+             [](QWidget *dock) {
+                 return withText<QLabel>(dock, "1 live / 1 selected") &&
+                        withText<QLabel>(dock, "0.00 Mbps");
+             }},
+            {docks[4],
+             [](QWidget *dock) {
+                 auto *list = dock->findChild<QListWidget *>();
+                 return list->count() == 1 && list->item(0)->text() == "C • A: hi";
+             }},
+        };
+        for (const QString &id : docks) {
+            if (id != gone)
+                QVERIFY2(updated[id](panel(qPrintable(id))), qPrintable(id));
+        }
     }
 
     // The layout that OBS saved at exit, in its global configuration up to OBS 30 and in the
