@@ -3,7 +3,10 @@
 #include "tessivane-controller.h"
 #include "tessivane-widgets.h"
 
+#include <QAbstractItemView>
 #include <QComboBox>
+#include <QCoreApplication>
+#include <QKeyEvent>
 #include <QFormLayout>
 #include <QIcon>
 #include <QLabel>
@@ -15,6 +18,79 @@
 
 namespace {
 constexpr int minimumSearchLength = 2;
+// A description with a word longer than this runs on in one line: breaking such a word anywhere
+// takes Qt time that grows with the square of its length.
+constexpr qsizetype longestWrappedWord = 4096;
+
+// While a box's suggestions are open they hold the keyboard; the streamer goes on typing in the
+// box all the same. Keys that choose (Up, Down, the page keys, Return, Esc, Tab) stay with the
+// list, every other key edits the text, and so searches on.
+class TypeThroughSuggestions : public QObject {
+public:
+    explicit TypeThroughSuggestions(QComboBox *box) : QObject(box), box_(box)
+    {
+        box->view()->installEventFilter(this);
+    }
+
+protected:
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        switch (event->type()) {
+        case QEvent::KeyPress:
+        case QEvent::KeyRelease:
+        case QEvent::ShortcutOverride:
+            if (choosing(static_cast<QKeyEvent *>(event)->key()))
+                return false;
+            break;
+        case QEvent::InputMethod:
+            break;
+        default:
+            return false;
+        }
+        QCoreApplication::sendEvent(box_->lineEdit(), event);
+        return true;
+    }
+
+private:
+    static bool choosing(int key)
+    {
+        switch (key) {
+        case Qt::Key_Up:
+        case Qt::Key_Down:
+        case Qt::Key_PageUp:
+        case Qt::Key_PageDown:
+        case Qt::Key_Return:
+        case Qt::Key_Enter:
+        case Qt::Key_Escape:
+        case Qt::Key_Tab:
+        case Qt::Key_Backtab:
+        case Qt::Key_F4:
+            return true;
+        default:
+            return false;
+        }
+    }
+
+    QComboBox *box_;
+};
+
+// The streamer is typing in the box: its line edit has the focus, or its open suggestions do.
+bool typingIn(QComboBox *box)
+{
+    QLineEdit *edit = box->lineEdit();
+    return edit && (edit->hasFocus() || box->view()->hasFocus());
+}
+
+qsizetype longestWord(const QString &text)
+{
+    qsizetype longest = 0;
+    qsizetype run = 0;
+    for (const QChar c : text) {
+        run = c.isSpace() ? 0 : run + 1;
+        longest = qMax(longest, run);
+    }
+    return longest;
+}
 
 // An editable box whose typed text is a search, never a new item, and whose width stays put while
 // its list is refilled.
@@ -26,6 +102,7 @@ QComboBox *makeCategoryBox(const QString &placeholder, QWidget *parent)
     box->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
     box->setMinimumContentsLength(20);
     box->lineEdit()->setPlaceholderText(placeholder);
+    new TypeThroughSuggestions(box);
     return box;
 }
 
@@ -38,7 +115,7 @@ QString field(const QJsonObject &profile, const char *key)
 QWidget *TessivaneController::buildStreamInfoDock()
 {
     QWidget *root = makeRoot();
-    QVBoxLayout *layout = rootLayout(root, 12, 8);
+    QVBoxLayout *layout = scrollingRootLayout(root, 12, 8);
     layout->addWidget(heading(QStringLiteral("Stream Information"), root));
     layout->addWidget(muted(QStringLiteral("Updates apply to selected channels. Twitch and Kick "
                                            "categories open as searchable dropdowns."),
@@ -49,7 +126,6 @@ QWidget *TessivaneController::buildStreamInfoDock()
     form->addRow(QStringLiteral("Title"), titleEdit_);
     descriptionEdit_ = new QTextEdit(root);
     descriptionEdit_->setMaximumHeight(90);
-    descriptionEdit_->setWordWrapMode(QTextOption::WordWrap);
     form->addRow(QStringLiteral("Description"), descriptionEdit_);
     notificationEdit_ = new QLineEdit(root);
     notificationEdit_->setPlaceholderText(
@@ -108,8 +184,14 @@ QWidget *TessivaneController::buildStreamInfoDock()
 void TessivaneController::showStreamProfile(const QJsonObject &profile)
 {
     // A load overwrites what is being typed; only sign-in and a restored session ask for it.
+    if (!titleEdit_)
+        return;
     titleEdit_->setText(field(profile, "title"));
-    descriptionEdit_->setPlainText(field(profile, "description"));
+    const QString description = field(profile, "description");
+    descriptionEdit_->setWordWrapMode(longestWord(description) > longestWrappedWord
+                                          ? QTextOption::WordWrap
+                                          : QTextOption::WrapAtWordBoundaryOrAnywhere);
+    descriptionEdit_->setPlainText(description);
     notificationEdit_->setText(field(profile, "notification"));
     twitchCategoryCombo_->setCurrentText(field(profile, "twitchCategory"));
     kickCategoryCombo_->setCurrentText(field(profile, "kickCategory"));
@@ -124,6 +206,8 @@ void TessivaneController::showStreamProfile(const QJsonObject &profile)
 void TessivaneController::showSyncResults(const QJsonArray &syncResults)
 {
     // The fields keep what was typed: the service's copy of the profile is not shown back.
+    if (!streamInfoStatusLabel_)
+        return;
     int updated = 0;
     QStringList failures;
     for (const QJsonValue &value : syncResults) {
@@ -134,11 +218,11 @@ void TessivaneController::showSyncResults(const QJsonArray &syncResults)
             failures.append(
                 QStringLiteral("%1: %2").arg(field(result, "channel"), field(result, "error")));
     }
-    streamInfoStatusLabel_->setText(
+    streamInfoStatusLabel_->setText(shownText(
         failures.isEmpty()
             ? QStringLiteral("Stream information pushed to %1 connected channel(s).").arg(updated)
             : QStringLiteral("Updated %1. %2")
-                  .arg(QString::number(updated), failures.join(QLatin1Char(' '))));
+                  .arg(QString::number(updated), failures.join(QLatin1Char(' ')))));
 }
 
 void TessivaneController::fillCategories(const QString &provider, const QJsonArray &categories)
@@ -159,10 +243,9 @@ void TessivaneController::fillCategories(const QString &provider, const QJsonArr
     box->blockSignals(false);
 
     // A reply for a box the streamer has left refills it silently.
-    QLineEdit *edit = box->lineEdit();
-    if (edit && edit->hasFocus() && !categories.isEmpty())
+    if (typingIn(box) && !categories.isEmpty())
         box->showPopup();
-    if (!streamInfoStatusLabel_ || !edit || !edit->hasFocus())
+    if (!streamInfoStatusLabel_ || !typingIn(box))
         return;
     streamInfoStatusLabel_->setText(categories.isEmpty()
                                         ? QStringLiteral("No matching %1 categories.").arg(provider)

@@ -102,10 +102,25 @@ private Q_SLOTS:
         QCOMPARE(state(0), "Ju|Jump King1|3|shut|");
         Q_EMIT api().categoriesLoaded("kick", {});
         QCOMPARE(state(1), "Zz||0|shut|No matching kick categories.");
-        // The pop-up takes the focus, and with it the status line's news of the suggestions.
+        // The suggestions open and hold the keyboard, but the streamer types on in the box: a
+        // key edits the text and searches, a refill keeps the list open, Down and Return pick.
         box(0)->setFocus();
         Q_EMIT api().categoriesLoaded("twitch", three);
-        QCOMPARE(state(0), "Ju|Jump King1|3|open|No matching kick categories.");
+        QCOMPARE(state(0), "Ju|Jump King1|3|open|3 twitch category suggestions loaded.");
+        QWindow *window = hostDouble::mainWindow()->windowHandle();
+        service_.requests.clear();
+        QTest::keyClick(window, 'm');
+        QCOMPARE(settledTargets(), {"/api/categories%3Fprovider=twitch&q=Jum"});
+        Q_EMIT api().categoriesLoaded("kick", {});
+        Q_EMIT api().categoriesLoaded("twitch", three);
+        QCOMPARE(state(0), "Jum|Jump King1|3|open|3 twitch category suggestions loaded.");
+        QTest::keyClick(window, Qt::Key_Down);
+        QTest::keyClick(window, Qt::Key_Return);
+        QCOMPARE(state(0), "Ju|Jump King1|3|shut|3 twitch category suggestions loaded.");
+        box(0)->setText("Ju");
+        Q_EMIT api().categoriesLoaded("twitch", three);
+        QTest::keyClick(window, Qt::Key_Escape);
+        QCOMPARE(state(0), "Ju|Jump King1|3|shut|3 twitch category suggestions loaded.");
     }
 };
 
