@@ -12,26 +12,28 @@ def sign_in(host):
     """Signs in with the demo account; leaves the session token in host.token."""
     print("account: the five docks stand, signed out; a wrong password is refused", flush=True)
     for title in DOCKS:
-        wait_for(f"dock \"{title}\" is showing", lambda: showing(host.dock(title)), 30)
+        wait_for(f"dock \"{title}\" is showing", lambda: showing(host.dock(title)))
     password, email = host.sign_in_form()
     host.screenshot("docks.png")
     email.queryEditableText().setTextContents(EMAIL)
     password.queryEditableText().setTextContents(PASSWORD + " ")
-    press(host.shown("button", "Sign In")[0])
+    press(host.one("button", "Sign In"))
     wait_for("the status line says why", lambda: host.shown(
         "label", "Sign in: Incorrect e-mail address or password."))
     print("account: the demo account signs in", flush=True)
     # The service ignores the address's case; the plug-in trims its blanks.
     email.queryEditableText().setTextContents(f" {EMAIL.capitalize()} ")
     password.queryEditableText().setTextContents(PASSWORD)
-    press(host.shown("button", "Sign In")[0])
+    press(host.one("button", "Sign In"))
     wait_for(f"the account page shows \"{NAME}\"", lambda: host.shown("label", NAME))
     check(host.shown("label", f"Creator plan\n{EMAIL}"), "it shows the plan and the address")
     # A password field hides its text from the bus but tells its length.
     check(password.queryText().characterCount == 0, "the password field was cleared")
-    host.screenshot("account.png")
+    with host.alone(DOCKS[0]):
+        host.look(DOCKS[0])
+        host.screenshot("account.png")
     host.token = wait_for("the settings file holds sessionToken", lambda: re.search(
-        r"^sessionToken=(\S+)", read(host.settings), re.M), 10)[1]
+        r"^sessionToken=(\S+)", read(host.settings), re.M))[1]
     check(host.ask_service("/api/stream-engine/ingest") == (401, {"error": "Sign in to continue."}),
           "the service keeps the ingest from a client without a session")
     status, ingest = host.ask_service("/api/stream-engine/ingest", host.token)
@@ -41,12 +43,12 @@ def sign_in(host):
 def sign_out(host):
     """After a restart: the session was restored, and Sign Out forgets it."""
     print("account: a restart restores the session, and Sign Out forgets it", flush=True)
-    wait_for(f"the restored session shows \"{NAME}\"", lambda: host.shown("label", NAME), 30)
-    press(host.shown("button", "Sign Out")[0])
+    wait_for(f"the restored session shows \"{NAME}\"", lambda: host.shown("label", NAME))
+    press(host.one("button", "Sign Out"))
     wait_for("Sign Out brings the sign-in form back", lambda: host.shown("button", "Sign In"))
     host.sign_in_form()
     wait_for("the settings file no longer holds sessionToken",
-             lambda: "sessionToken" not in read(host.settings), 10)
+             lambda: "sessionToken" not in read(host.settings))
     check(host.ask_service("/api/me", host.token)[0] == 401, "the service ended the session")
     saved = host.streaming_service()["settings"]
     check(saved.get("server", "") == saved.get("key", "") == "", "OBS keeps no server and no key")

@@ -30,8 +30,8 @@ def fault(host, name):
 def fail(host, message):
     """Refresh and Save fail, and both status lines say so: the Account dock's, behind its
     account page, with whichever request failed last, and the Stream Information dock's."""
-    press(host.shown("button", "Refresh", CHANNELS)[0])
-    press(host.shown("button", "Save Stream Information", STREAM_INFO)[0])
+    press(host.one("button", "Refresh", CHANNELS))
+    press(host.one("button", "Save Stream Information", STREAM_INFO))
     wait_for(f"the Account dock's status line ends in \"{message}\"", lambda: any(
         label.name.endswith(f": {message}") for label in find(host.dock(ACCOUNT), "label")))
     wait_for("the Stream Information dock says so", lambda: host.shown(
@@ -39,14 +39,14 @@ def fail(host, message):
 
 
 def included(host):
-    return host.shown("check box", SWITCH, CHANNELS)[0].getState().contains(pyatspi.STATE_CHECKED)
+    return host.one("check box", SWITCH, CHANNELS).getState().contains(pyatspi.STATE_CHECKED)
 
 
 def hold(host):
     """Refresh, and the stalling service holds a request of the plug-in's."""
     log, line = host.run / "dev-service.log", "GET /api/channels held"
     before = read(log).count(line)
-    press(host.shown("button", "Refresh", CHANNELS)[0])
+    press(host.one("button", "Refresh", CHANNELS))
     wait_for("the service holds the plug-in's request", lambda: read(log).count(line) > before)
 
 
@@ -62,7 +62,7 @@ def run(host):
     print("faults: the service stops; the stream and the streamer go on", flush=True)
     host.stop(host.service)
     check(not included(host), f"\"{SWITCH}\" is off")
-    press(host.shown("check box", SWITCH, CHANNELS)[0])
+    press(host.one("check box", SWITCH, CHANNELS))
     fail(host, "Connection refused")
     check(health.reaches_ingest(host), "the RTMP server still hands on OBS's stream")
     check(included(host), f"\"{SWITCH}\" stays as the streamer set it")

@@ -29,12 +29,12 @@ def start(host):
     settings = {"server": ingest["server"], "key": ingest["streamKey"], "use_auth": False}
     wait_for("OBS's profile holds a custom RTMP service with the account's ingest", lambda: (
         saved := host.streaming_service())["type"] == "rtmp_custom"
-        and saved["settings"].items() >= settings.items(), 10)
-    press(host.shown("button", "Start Streaming", DOCK)[0])
+        and saved["settings"].items() >= settings.items())
+    press(host.one("button", "Start Streaming", DOCK))
     # OBS says in a message box when the ingest refuses the stream.
     outcome = wait_for("OBS streams, or says why not", lambda: host.shown(
         "button", "Stop Streaming", DOCK) or [box for box in host.app if showing(box)
-                                              and box.getRoleName() == "alert"], 30)
+                                              and box.getRoleName() == "alert"], 40)
     if outcome[0].getRoleName() == "alert":
         text = " ".join(label.name for label in find(outcome[0], "label"))
         press(find(outcome[0], "button")[0])
@@ -49,11 +49,13 @@ def start(host):
     live = platform_states(host).count("live")
     wait_for(f"the platforms line counts the {live} live channels", lambda: any(
         label.name.startswith(f"{live} live / ") for label in host.shown("label", dock=DOCK)))
-    host.screenshot("health.png")
+    with host.alone(DOCK):
+        host.look(DOCK)
+        host.screenshot("health.png")
 
 
 def stop(host):
-    press(host.shown("button", "Stop Streaming", DOCK)[0])
+    press(host.one("button", "Stop Streaming", DOCK))
     wait_for("Stop Streaming ends the stream", lambda: host.shown(
-        "button", "Start Streaming", DOCK), 20)
+        "button", "Start Streaming", DOCK))
     wait_for("the service was told the stream is off", lambda: "live" not in platform_states(host))

@@ -3,8 +3,10 @@
 development service, and the accessibility bus."""
 
 import contextlib
+import ctypes
 import json
 import os
+import re
 import shutil
 import ssl
 import subprocess
@@ -24,30 +26,45 @@ DOCKS = ["Tessivane Account", "Tessivane Channels", "Tessivane Stream Informatio
          "Tessivane Stream Health", "Tessivane Chat"]
 LOADED = "[Tessivane] Native plugin loaded; waiting for the frontend"
 UNLOADED = "[Tessivane] Native plugin unloaded"
+# OBS's main window when nothing is saved, measured in OBS 30.2.3.
+DEFAULT_SIZE = (1086, 763)
+
+
+BEGAN = time.monotonic()
 
 
 def check(condition, what):
     if not condition:
         raise AssertionError(f"check failed: {what}")
-    print(f"  ok: {what}", flush=True)
+    print(f"  ok {time.monotonic() - BEGAN:5.1f} s: {what}", flush=True)
 
 
-def wait_for(what, probe, timeout=20):
-    # Bus errors while a window is being built count as "not yet".
+def within(probe, timeout):
+    """What probe gives once it gives something, or None after timeout seconds. Bus errors while
+    a window is being built count as "not yet"."""
     deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
+    while True:
         with contextlib.suppress(Exception):
             if result := probe():
-                check(True, what)
                 return result
+        if time.monotonic() > deadline:
+            return None
         time.sleep(0.25)
-    raise AssertionError(f"timed out after {timeout} s: {what}")
+
+
+def wait_for(what, probe, timeout=30):
+    result = within(probe, timeout)
+    check(result, what if result else f"timed out after {timeout} s: {what}")
+    return result
 
 
 def find(root, role, name=None):
-    # A role "text" takes password fields too.
-    return pyatspi.findAllDescendants(root, lambda node: node.getRoleName().endswith(role)
-                                      and name in (None, node.name))
+    # A role "text" takes password fields too. A node that vanishes meanwhile finds nothing.
+    try:
+        return pyatspi.findAllDescendants(root, lambda node: node.getRoleName().endswith(role)
+                                          and name in (None, node.name))
+    except Exception:
+        return []
 
 
 def showing(node):
@@ -56,6 +73,21 @@ def showing(node):
 
 def press(node):
     node.queryAction().doAction(0)
+
+
+def extents(node):
+    box = node.queryComponent().getExtents(pyatspi.DESKTOP_COORDS)
+    return box.x, box.y, box.width, box.height
+
+
+def inside(node, outer):
+    """Whether node stands whole inside outer on the screen."""
+    (x, y, w, h), (ox, oy, ow, oh) = extents(node), extents(outer)
+    return w > 0 and h > 0 and ox <= x and oy <= y and x + w <= ox + ow and y + h <= oy + oh
+
+
+def key(keysym):
+    pyatspi.Registry.generateKeyboardEvent(keysym, None, pyatspi.KEY_SYM)
 
 
 def read(path):
@@ -103,7 +135,7 @@ class Host(Session):
         probe = self.obs_config / "plugins/tessivane-stall-probe/bin/64bit"
         probe.mkdir(parents=True)
         shutil.copy2(self.args.probe, probe)
-        self.stalls = self.run / "ui-stalls.txt"
+        self.stalls, self.qt_warnings = self.run / "ui-stalls.txt", self.run / "qt-warnings.txt"
         for key in [k for k in os.environ if k.startswith(("XDG_", "WAYLAND", "QT_"))]:
             del os.environ[key]
         # Qt hands a file to the system through the first xdg-open on PATH; this one records it.
@@ -138,13 +170,15 @@ class Host(Session):
     def start_obs(self):
         logs = self.obs_config / "logs"
         before = set(logs.glob("*.txt"))
-        # Without a window manager OBS keeps the size of its .ui file; one as large as the screen
-        # gives the docks room.
+        # Without a window manager OBS would keep the size of its .ui file; it gets the size it
+        # takes on a desktop when nothing is saved, so that the docks stand as a streamer first
+        # sees them.
         self.obs = super().start_obs("--disable-shutdown-check", "--multi", "-qwindowgeometry",
-                                     "1600x1000+0+0", env=dict(
+                                     "%dx%d+0+0" % DEFAULT_SIZE, env=dict(
                                          os.environ, QT_QPA_PLATFORM="xcb",
                                          LIBGL_ALWAYS_SOFTWARE="1",
                                          TESSIVANE_STALL_LOG=str(self.stalls),
+                                         TESSIVANE_QT_LOG=str(self.qt_warnings),
                                          QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1"))
         self.log = wait_for("OBS opens a new log file",
                             lambda: next(iter(set(logs.glob("*.txt")) - before)), 30)
@@ -158,12 +192,50 @@ class Host(Session):
                     if node.getRoleName() == "frame" and node.name.startswith("OBS "))
 
     def dock(self, title):
-        return next(iter(find(self.window(), "frame", title)), None)
+        # Qt 6.8 shows a dock as a frame, Qt 6.11 as a panel.
+        return next((node for node in find(self.window(), "", title)
+                     if node.getRoleName() in ("frame", "panel")), None)
+
+    def body(self, title):
+        """The dock's own widget: all of the dock but its title bar."""
+        return next(node for node in self.dock(title) if node.getRoleName() == "filler")
 
     def shown(self, role, name=None, dock=DOCKS[0]):
         # A dock that OBS is still placing has no frame on the bus for a moment.
         frame = self.dock(dock)
         return [node for node in find(frame, role, name) if showing(node)] if frame else []
+
+    def one(self, role, name=None, dock=DOCKS[0], timeout=30):
+        """The one widget of a role and name that a dock shows, once it shows it."""
+        return wait_for(f"\"{dock}\" shows the {role} \"{name or ''}\"",
+                        lambda: self.shown(role, name, dock), timeout)[0]
+
+    def focus_window(self):
+        """Gives OBS's main window the keyboard. With no window manager on the virtual screen,
+        keys go wherever X's input focus was left, perhaps on a pop-up that is gone."""
+        window = re.search(r"Window id: (\w+)", subprocess.run(
+            ["xwininfo", "-name", self.window().name], capture_output=True, text=True).stdout)[1]
+        x11 = ctypes.CDLL("libX11.so.6")
+        x11.XOpenDisplay.restype = ctypes.c_void_p
+        display = ctypes.c_void_p(x11.XOpenDisplay(None))
+        x11.XSetInputFocus(display, ctypes.c_ulong(int(window, 16)), 2, 0)  # RevertToParent
+        x11.XSync(display, 0)
+        x11.XCloseDisplay(display)
+        return int(window, 16)
+
+    def type_into(self, edit, keys):
+        """Types keys into a field, one at a time, and sees each land there; a key that went
+        astray is typed again."""
+        before = edit.queryText().getText(0, -1)
+        for end in range(1, len(keys) + 1):
+            wanted = before + keys[:end]
+            typed = lambda: edit.queryText().getText(0, -1) == wanted
+            for _ in range(3):
+                key(ord(keys[end - 1]))
+                if within(typed, 5):
+                    break
+                self.focus_window()
+            check(typed(), f"the field reads \"{wanted}\"")
 
     @contextlib.contextmanager
     def alone(self, title):
@@ -173,18 +245,43 @@ class Host(Session):
         for other in others:
             press(find(self.window(), "menu item", other)[0])
         wait_for(f"\"{title}\" stands alone", lambda: not any(
-            showing(self.dock(other)) for other in others))
+            self.dock(other) and showing(self.dock(other)) for other in others))
         try:
             yield self.dock(title)
         finally:
             for other in others:
                 press(find(self.window(), "menu item", other)[0])
+            wait_for("the other docks are back", lambda: all(
+                self.dock(other) and showing(self.dock(other)) for other in others))
+
+    def look(self, title):
+        """The dock's body has the docks' own look: the median colour of a screenshot of it is
+        the dark green-black of their root, where green outweighs red and blue, not OBS's own
+        grey-blue window colour, where blue outweighs green."""
+        def median():
+            x, y, width, height = extents(self.body(title))
+            shot = self.run / "body.png"
+            subprocess.run(["import", "-window", "root", "-crop", f"{width}x{height}+{x}+{y}",
+                            "+repage", "-depth", "8", f"rgb:{shot}"], check=True)
+            pixels = shot.read_bytes()
+            return tuple(sorted(pixels[channel::3])[len(pixels) // 6] for channel in range(3))
+        red, green, blue = wait_for(f"\"{title}\" has the docks' look", lambda: (
+            colour := median())[1] > colour[0] + 4 and colour[1] >= colour[2] and colour)
+        print(f"  the median colour of its body is rgb({red}, {green}, {blue})", flush=True)
 
     def screenshot(self, name):
-        subprocess.run(["import", "-window", "root", str(self.work / name)], check=True)
+        """A picture of OBS's window, as a streamer sees it."""
+        x, y, width, height = extents(self.window())
+        subprocess.run(["import", "-window", "root", "-crop", f"{width}x{height}+{x}+{y}",
+                        "+repage", str(self.work / name)], check=True)
+
+    def places(self):
+        return {title: extents(self.dock(title)) for title in DOCKS}
 
     def exit_obs(self):
-        """Ends OBS through File > Exit, the way that unloads modules."""
+        """Ends OBS through File > Exit, the way that unloads modules; the places of the docks
+        at that moment are kept in self.left."""
+        self.left = self.places()
         with contextlib.suppress(Exception):  # OBS may be gone before it answers
             press(find(self.window(), "menu item", "Exit")[0])
         wait_for("OBS ends", lambda: self.obs.poll() is not None, 30)

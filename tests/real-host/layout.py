@@ -1,76 +1,76 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
-"""The docks' layout in a real OBS: no text over another at three window sizes, and the
-streamer's layout back after a restart, a closed dock staying closed."""
+"""The docks' layout in a real OBS: no text over another at three window sizes, with what must
+stay in view in view, and the streamer's layout back after a restart, a closed dock staying
+closed."""
 
 import ctypes
-import re
-import subprocess
 from itertools import combinations
 
-import pyatspi
+from host import DEFAULT_SIZE, DOCKS, check, extents, find, inside, press, showing, wait_for
 
-from host import DOCKS, check, find, press, showing, wait_for
-
-# Sizes of OBS's main window measured in OBS 30.2.3: the one it takes when nothing is saved and no
-# window manager steps in, the smallest it allows with the five docks stacked (WM_NORMAL_HINTS),
-# and the one that the other steps run at.
-DEFAULT, SMALLEST, FULL = (1086, 763), (868, 763), (1600, 1000)
-
-
-def extents(node):
-    box = node.queryComponent().getExtents(pyatspi.DESKTOP_COORDS)
-    return box.x, box.y, box.width, box.height
-
-
-def places(host):
-    return {title: extents(host.dock(title)) for title in DOCKS}
+ACCOUNT, CHANNELS, STREAM_INFO, HEALTH, CHAT = DOCKS
+# The smallest main window OBS 30.2.3 allows with the five docks stacked (WM_NORMAL_HINTS), and
+# one as large as the virtual screen.
+SMALLEST, FULL = (868, 763), (1600, 1000)
 
 
 def resize(host, size):
     """Resizes OBS's main window the way a window manager would; the virtual screen has none."""
-    window = re.search(r"Window id: (\w+)", subprocess.run(
-        ["xwininfo", "-name", host.window().name], capture_output=True, text=True).stdout)[1]
     x11 = ctypes.CDLL("libX11.so.6")
     x11.XOpenDisplay.restype = ctypes.c_void_p
     display = ctypes.c_void_p(x11.XOpenDisplay(None))
-    x11.XResizeWindow(display, ctypes.c_ulong(int(window, 16)), *size)
+    x11.XResizeWindow(display, ctypes.c_ulong(host.focus_window()), *size)
     x11.XCloseDisplay(display)
     wait_for(f"OBS's window is {size[0]}x{size[1]}", lambda: extents(host.window())[2:] == size)
 
 
-def apart(what, nodes):
+def overlaps(nodes):
     boxes = [(node.name, extents(node)) for node in nodes]
-    over = [(a, b) for (a, (ax, ay, aw, ah)), (b, (bx, by, bw, bh)) in combinations(boxes, 2)
+    return [(a, b) for (a, (ax, ay, aw, ah)), (b, (bx, by, bw, bh)) in combinations(boxes, 2)
             if ax < bx + bw and bx < ax + aw and ay < by + bh and by < ay + ah]
-    check(not over, f"no two of the {len(boxes)} {what} overlap {over}")
+
+
+def in_view(host):
+    """The Chat dock's send row and the Channels dock's heading and buttons stand whole inside
+    their docks, however short the docks are."""
+    chat, channels = host.body(CHAT), host.body(CHANNELS)
+    wanted = [(chat, host.shown("combo box", dock=CHAT)[0]), (chat, host.shown("text", dock=CHAT)[0]),
+              (chat, host.shown("button", "Send", CHAT)[0]),
+              (channels, host.shown("label", "Your Channels", CHANNELS)[0]),
+              (channels, host.shown("button menu", "+ Add Channel", CHANNELS)[0]),
+              (channels, host.shown("button", "Refresh", CHANNELS)[0])]
+    return all(inside(node, body) for body, node in wanted)
 
 
 def run(host):
-    print("layout: no text overlaps another at the steps' size, OBS's default or its smallest",
-          flush=True)
-    for size, name in ((FULL, "layout-full.png"), (DEFAULT, "layout.png"),
-                       (SMALLEST, "layout-small.png")):
+    print("layout: no text over another at OBS's default size, its smallest and the screen's, "
+          "with the send row and the channel buttons in view", flush=True)
+    for size, name in ((DEFAULT_SIZE, "layout.png"), (SMALLEST, "layout-small.png"),
+                       (FULL, "layout-full.png")):
         resize(host, size)
-        apart("docks", [host.dock(title) for title in DOCKS])
+        # The docks settle after the window has changed its size.
+        wait_for("no two of the five docks overlap",
+                 lambda: not overlaps([host.dock(title) for title in DOCKS]))
         for title in DOCKS:
-            apart(f"labels of \"{title}\"", host.shown("label", dock=title))
+            wait_for(f"no two labels of \"{title}\" overlap", lambda: not overlaps(
+                host.shown("label", dock=title)))
+        wait_for("the send row and the channel buttons stand in view", lambda: in_view(host))
         host.screenshot(name)
-    resize(host, FULL)
-    host.places = wait_for("the five docks stand docked at the window's right edge", lambda: (
-        found := places(host)) and all(x + w == FULL[0] for x, _, w, _ in found.values()) and found)
+    resize(host, DEFAULT_SIZE)
+    wait_for("the five docks stand docked at the window's right edge", lambda: all(
+        x + w == DEFAULT_SIZE[0] for x, _, w, _ in host.places().values()))
 
 
 def restart(host):
     print("layout: a restart brings the docks back where they were; a closed one stays closed",
           flush=True)
     host.start_obs()
-    wait_for("the five docks show at the places they had", lambda: all(
-        showing(host.dock(title)) for title in DOCKS) and places(host) == host.places, 30)
-    press(find(host.window(), "menu item", DOCKS[-1])[0])
-    wait_for(f"\"{DOCKS[-1]}\" is closed from the Docks menu",
-             lambda: not showing(host.dock(DOCKS[-1])))
+    wait_for("the five docks show at the places they had when OBS exited", lambda: all(
+        showing(host.dock(title)) for title in DOCKS) and host.places() == host.left)
+    press(find(host.window(), "menu item", CHAT)[0])
+    wait_for(f"\"{CHAT}\" is closed from the Docks menu", lambda: not showing(host.dock(CHAT)))
     host.exit_obs()
     host.start_obs()
     wait_for("after one more restart the other docks show", lambda: all(
-        showing(host.dock(title)) for title in DOCKS[:-1]), 30)
-    check(not showing(host.dock(DOCKS[-1])), f"\"{DOCKS[-1]}\" stays closed")
+        showing(host.dock(title)) for title in DOCKS[:-1]))
+    check(not showing(host.dock(CHAT)), f"\"{CHAT}\" stays closed")

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// Loaded into OBS beside the plug-in by the real-host test: a timer on OBS's UI thread that ought
-// to fire every 5 ms. Whenever it fires more than 3 ms late, the thread was kept from its event
+// Loaded into OBS beside the plug-in by the real-host test. A timer on OBS's UI thread that ought
+// to fire every 5 ms: whenever it fires more than 3 ms late, the thread was kept from its event
 // loop that long, and it appends "<CLOCK_MONOTONIC ms> <lateness ms>" to the file named by
-// TESSIVANE_STALL_LOG; a first line "<ms> 0" says that it runs.
+// TESSIVANE_STALL_LOG; a first line "<ms> 0" says that it runs. And every warning Qt reports in
+// the process goes, one a line, to the file named by TESSIVANE_QT_LOG, before OBS logs it too.
 #include <QElapsedTimer>
 #include <QFile>
 #include <QTimer>
@@ -15,14 +16,28 @@ namespace {
 constexpr qint64 intervalMs = 5;
 constexpr qint64 reportedMs = 3;
 QTimer *probe = nullptr;
+QFile *qtLog = nullptr;
+QtMessageHandler obsHandler = nullptr;
+
+void noteQtMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    if (type != QtDebugMsg && type != QtInfoMsg && qtLog)
+        qtLog->write(QByteArray(context.category) + ": " + message.toUtf8().replace('\n', ' ') +
+                     '\n');
+    if (obsHandler)
+        obsHandler(type, context, message);
+}
 } // namespace
 
 bool obs_module_load(void)
 {
     probe = new QTimer;
     auto *log = new QFile(qEnvironmentVariable("TESSIVANE_STALL_LOG"), probe);
-    if (!log->open(QIODevice::Append | QIODevice::Unbuffered))
+    qtLog = new QFile(qEnvironmentVariable("TESSIVANE_QT_LOG"), probe);
+    if (!log->open(QIODevice::Append | QIODevice::Unbuffered) ||
+        !qtLog->open(QIODevice::Append | QIODevice::Unbuffered))
         return false;
+    obsHandler = qInstallMessageHandler(noteQtMessage);
     QElapsedTimer clock;
     clock.start();
     auto write = [log](qint64 at, qint64 lateness) {
@@ -41,5 +56,7 @@ bool obs_module_load(void)
 
 void obs_module_unload(void)
 {
+    qInstallMessageHandler(obsHandler);
+    qtLog = nullptr;
     delete probe;
 }

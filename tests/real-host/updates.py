@@ -19,14 +19,14 @@ def answer(host, text, button, screenshot=None):
         and find(node, "label", text)))
     if screenshot:
         host.screenshot(screenshot)
-    press(find(box, "button", button)[0])
+    press(wait_for(f"with {button}", lambda: find(box, "button", button)[0]))
 
 
 def check_for_updates(host, release):
     """Restarts the service with the session kept, offering this kind of release; Yes to it."""
     check("listening" in host.start_service(host.args.dev_service, "--resume-session", host.token,
                                             "--release", release), f"the service offers {release}")
-    press(host.shown("button", "Check for Updates")[0])
+    press(host.one("button", "Check for Updates"))
     answer(host, QUESTION, "Yes", f"update-{release}.png")
     return host.ask_service("/api/plugin/releases/latest/macos")[1]
 
@@ -35,7 +35,7 @@ def run(host):
     print("updates: the check 10 s after start finds this version current", flush=True)
     # It must be behind us before the service offers more: its question would come in between.
     wait_for("the Account dock says so", lambda: host.shown(
-        "label", "Tessivane OBS Plugin v0.3.3 is up to date."), 20)
+        "label", "Tessivane OBS Plugin v0.3.3 is up to date."), 40)
     print("updates: a newer release is found, downloaded, verified and opened", flush=True)
     release = check_for_updates(host, "newer")
     installer = host.tmp / "TessivaneUpdates" / release["name"]
@@ -44,7 +44,7 @@ def run(host):
     host.screenshot("update-verified.png")
     check(hashlib.sha256(installer.read_bytes()).hexdigest() == release["sha256"],
           f"{installer} has the served digest")
-    wait_for("it is handed to the system", lambda: installer.as_uri() in read(host.opened), 10)
+    wait_for("it is handed to the system", lambda: installer.as_uri() in read(host.opened))
 
     print("updates: with a wrong digest nothing is written", flush=True)
     shutil.rmtree(installer.parent)
