@@ -62,6 +62,17 @@ private Q_SLOTS:
                  "{\"selected\":true};POST /api/channels//selection {\"selected\":true};POST "
                  "/api/channels/42/selection {\"selected\":false};POST "
                  "/api/channels/42/selection {\"selected\":true}");
+
+        // The count reads whole beside the heading however narrow the dock.
+        QCOMPARE(render("[{},{},{},{},{},{},{},{},{},{},{},{},{},{}]").section('/', 0, 0),
+                 "0 of 14 selected");
+        QDockWidget *frame = hostDouble::dock("tessivane.channels");
+        frame->setFloating(true);
+        frame->resize(frame->minimumSizeHint());
+        frame->show();
+        QVERIFY(QTest::qWaitForWindowExposed(frame));
+        QLabel *count = withText<QLabel>(dock(), "0 of 14 selected");
+        QTRY_COMPARE(count->width(), count->sizeHint().width());
     }
 
     // A reply rebuilds the list under the open box and deletes its card: the box stays, and its

@@ -8,6 +8,7 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QScrollArea>
+#include <QScrollBar>
 #include <QTextEdit>
 
 class TestStreamInfo : public ControllerTest {
@@ -65,6 +66,51 @@ private Q_SLOTS:
             QCOMPARE(status(), text);
         }
         QCOMPARE(edit[0]->text(), "");
+    }
+
+    // What the service sends shows whole up to 4 KB, wrapped inside the dock at its narrowest
+    // however long its words; beyond, it is cut, and a 256 KB word costs no freeze.
+    void longTextsStayInsideTheDock_data()
+    {
+        QTest::addColumn<QString>("word");
+        QTest::addColumn<int>("count");
+        QTest::newRow("40 refusals") << "Instagram Live does not let apps set a title." << 40;
+        QTest::newRow("an address") << "https://example.com/" + QString(300, 'a') << 1;
+        QTest::newRow("a 256 KB word") << QString(262144, 'x') << 1;
+    }
+
+    void longTextsStayInsideTheDock()
+    {
+        QFETCH(QString, word);
+        QFETCH(int, count);
+        QVERIFY(start());
+        QDockWidget *frame = hostDouble::dock("tessivane.stream-information");
+        frame->setFloating(true);
+        const int narrowest = dock()->minimumSizeHint().width();
+        frame->resize(frame->minimumSizeHint().width(), 600);
+        frame->show();
+        QJsonArray refusals;
+        for (int i = 0; i < count; ++i)
+            refusals.append(QJsonObject{{"channel", "c"}, {"error", word}});
+        QElapsedTimer clock;
+        clock.start();
+        Q_EMIT api().streamProfileLoaded({{"description", word}});
+        Q_EMIT api().streamProfileSaved({}, refusals);
+        QLabel *line = dock()->findChildren<QLabel *>("TessivaneMuted")[1];
+        auto *description = dock()->findChild<QTextEdit *>();
+        QVERIFY(QTest::qWaitForWindowExposed(frame));
+        QTRY_VERIFY(line->height() >= line->heightForWidth(line->width()));
+        QVERIFY2(clock.elapsed() < 3000, "a long word must not freeze the dock");
+
+        QString full = "Updated 0.";
+        for (int i = 0; i < count; ++i)
+            full += " c: " + word;
+        const QString shown = line->text().remove(QChar(0x200B));
+        QCOMPARE(shown, full.size() <= 4096 ? full : full.left(4096) + QChar(0x2026));
+        QCOMPARE(dock()->minimumSizeHint().width(), narrowest);
+        QVERIFY(line->width() < dock()->width());
+        QCOMPARE(description->toPlainText(), word);
+        QCOMPARE(description->horizontalScrollBar()->maximum() > 0, word.size() > 4096);
     }
 
     void categoryBoxes()
