@@ -144,6 +144,12 @@ private Q_SLOTS:
         box(0)->setText("Ju");
         box(1)->setText("Zz");
         box(1)->setFocus();
+        // A click on the dock's empty space, or on its scroll area, leaves the focus there.
+        auto *scroll = dock()->findChild<QScrollArea *>();
+        QTest::mouseClick(scroll->widget(), Qt::LeftButton, {},
+                          {1, scroll->widget()->height() - 1});
+        QTest::mouseClick(scroll, Qt::LeftButton, {}, {scroll->width() - 1, 1});
+        QVERIFY(box(1)->hasFocus());
         Q_EMIT api().categoriesLoaded("twitch", three);
         QCOMPARE(state(0), "Ju|Jump King1|3|shut|");
         Q_EMIT api().categoriesLoaded("kick", {});
