@@ -173,6 +173,7 @@ class Host(Session):
         # Without a window manager OBS would keep the size of its .ui file; it gets the size it
         # takes on a desktop when nothing is saved, so that the docks stand as a streamer first
         # sees them.
+        self.menu_items = {}
         self.obs = super().start_obs("--disable-shutdown-check", "--multi", "-qwindowgeometry",
                                      "%dx%d+0+0" % DEFAULT_SIZE, env=dict(
                                          os.environ, QT_QPA_PLATFORM="xcb",
@@ -192,9 +193,19 @@ class Host(Session):
                     if node.getRoleName() == "frame" and node.name.startswith("OBS "))
 
     def dock(self, title):
-        # Qt 6.8 shows a dock as a frame, Qt 6.11 as a panel.
-        return next((node for node in find(self.window(), "", title)
-                     if node.getRoleName() in ("frame", "panel")), None)
+        # A dock stands near the top of OBS's window, so the search goes breadth first; Qt 6.8
+        # shows it as a frame, Qt 6.11 as a panel.
+        with contextlib.suppress(Exception):
+            return pyatspi.findDescendant(self.window(), lambda node: node.name == title and (
+                node.getRoleName() in ("frame", "panel")), breadth_first=True)
+        return None
+
+    def menu_item(self, name):
+        """An item of OBS's menus, looked up once per start of OBS: a search of the whole window
+        costs seconds on a busy machine."""
+        if name not in self.menu_items:
+            self.menu_items[name] = find(self.window(), "menu item", name)[0]
+        return self.menu_items[name]
 
     def body(self, title):
         """The dock's own widget: all of the dock but its title bar."""
@@ -243,14 +254,14 @@ class Host(Session):
         from OBS's Docks menu, and opened again afterwards."""
         others = [other for other in DOCKS if other != title and showing(self.dock(other))]
         for other in others:
-            press(find(self.window(), "menu item", other)[0])
+            press(self.menu_item(other))
         wait_for(f"\"{title}\" stands alone", lambda: not any(
             self.dock(other) and showing(self.dock(other)) for other in others))
         try:
             yield self.dock(title)
         finally:
             for other in others:
-                press(find(self.window(), "menu item", other)[0])
+                press(self.menu_item(other))
             wait_for("the other docks are back", lambda: all(
                 self.dock(other) and showing(self.dock(other)) for other in others))
 
@@ -283,7 +294,7 @@ class Host(Session):
         at that moment are kept in self.left."""
         self.left = self.places()
         with contextlib.suppress(Exception):  # OBS may be gone before it answers
-            press(find(self.window(), "menu item", "Exit")[0])
+            press(self.menu_item("Exit"))
         wait_for("OBS ends", lambda: self.obs.poll() is not None, 30)
         self.stop(self.obs)
         check(self.obs.returncode == 0, f"OBS ended with status {self.obs.returncode}")

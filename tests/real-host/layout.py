@@ -6,7 +6,7 @@ closed."""
 import ctypes
 from itertools import combinations
 
-from host import DEFAULT_SIZE, DOCKS, check, extents, find, inside, press, showing, wait_for
+from host import DEFAULT_SIZE, DOCKS, check, extents, inside, press, showing, wait_for
 
 ACCOUNT, CHANNELS, STREAM_INFO, HEALTH, CHAT = DOCKS
 # The smallest main window OBS 30.2.3 allows with the five docks stacked (WM_NORMAL_HINTS), and
@@ -67,7 +67,7 @@ def restart(host):
     host.start_obs()
     wait_for("the five docks show at the places they had when OBS exited", lambda: all(
         showing(host.dock(title)) for title in DOCKS) and host.places() == host.left)
-    press(find(host.window(), "menu item", CHAT)[0])
+    press(host.menu_item(CHAT))
     wait_for(f"\"{CHAT}\" is closed from the Docks menu", lambda: not showing(host.dock(CHAT)))
     host.exit_obs()
     host.start_obs()
