@@ -13,15 +13,14 @@ BADGES = {"youtube": "#FF0033", "twitch": "#9146FF", "kick": "#53FC18", "instagr
 
 
 def choose(host, combo, target):
-    """Opens the target box, goes Down to the target and takes it with Return; keys that went
-    astray before the list held the keyboard are typed again."""
+    """Opens the target box and clicks the target's row: a click lands where it is aimed, where
+    keys sent before the list holds the keyboard would move through the feed instead."""
     for _ in range(3):
-        host.focus_window()
-        combo.queryAction().doAction(0)  # ShowMenu; its list opens on the first row
-        rows = wait_for("the target box opens", lambda: [
-            node.name for node in find(combo, "list item") if showing(node)])
-        for keysym in [0xff54] * rows.index(target) + [0xff0d]:  # Down to the target, Return
-            key(keysym)
+        combo.queryAction().doAction(0)  # ShowMenu
+        row = wait_for("the target box opens", lambda: next(
+            node for node in find(combo, "list item", target) if showing(node)))
+        x, y, width, height = extents(row)
+        pyatspi.Registry.generateMouseEvent(x + width // 2, y + height // 2, pyatspi.MOUSE_B1C)
         if within(lambda: combo.name == target, 5):
             return
         key(0xff1b)  # Esc, in case the list is still open
