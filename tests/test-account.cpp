@@ -21,7 +21,6 @@ private:
     QStackedWidget *stack() const { return account()->findChild<QStackedWidget *>(); }
     QLineEdit *email() const { return account()->findChildren<QLineEdit *>().at(0); }
     QLineEdit *password() const { return account()->findChildren<QLineEdit *>().at(1); }
-    QLabel *status() const { return stack()->widget(0)->findChildren<QLabel *>().constLast(); }
     QString name() const { return account()->findChild<QLabel *>("TessivaneValue")->text(); }
     QString detail() const
     {
@@ -44,7 +43,7 @@ private Q_SLOTS:
         // Return in the e-mail field does nothing; in the password field it signs in.
         QTest::keyClick(email(), Qt::Key_Return);
         QTest::keyClick(password(), Qt::Key_Return);
-        QCOMPARE(status()->text(), "Signing in...");
+        QCOMPARE(statusLines()[0], "Signing in...");
         QTRY_COMPARE(stack()->currentIndex(), 1);
 
         // One sign-in, then the refresh with the session.
@@ -136,7 +135,7 @@ private Q_SLOTS:
         press("Sign Out");
         QTRY_COMPARE(stack()->currentIndex(), 0);
         QVERIFY(!store().contains("sessionToken"));
-        QCOMPARE(status()->text(), "");
+        QCOMPARE(statusLines()[0], "");
         QCOMPARE(email()->text(), "demo@tessivane.dev");
     }
 

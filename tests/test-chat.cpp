@@ -38,6 +38,10 @@ private Q_SLOTS:
     void feedShowsBadgesAnIdleReplyTouchesNothingAndAnEmptyFeedSaysWhy()
     {
         QVERIFY(start());
+        // Before any reply: nothing to send to.
+        QCOMPARE(rows() + rows(true),
+                 QStringList({"Loading connected platform chats...", "All channels = "}));
+        QVERIFY(!in<QLineEdit>()->isEnabled() && !in<QPushButton>()->isEnabled());
         const QByteArray feed =
             R"([{"provider":"YouTube","channel":"C","author":"A","text":"%2 %1"},
             {"provider":"twitch","author":"B"}, {"provider":"KICK"}, {"provider":"facebook"}, 4)" +
@@ -93,15 +97,17 @@ private Q_SLOTS:
                         {"connected":true,"provider":"twitch","channel":"B","channelId":" abc "},
                         {"connected":"true","provider":"facebook","channelId":"f"},
                         {"connected":true,"provider":"YouTube","channel":"C","channelId":-3.5},
-                        {"connected":true,"provider":"kick","channel":"D","channelId":null}])");
+                        {"connected":true,"provider":"kick","channel":"D","channelId":null},
+                        {"connected":true,"provider":"kick","channel":"E","channelId":-1e300}])");
         QStringList box = rows(true);
         std::sort(box.begin() + 1, box.begin() + 4); // the platforms come in a hash's order
-        QCOMPARE(box,
-                 QStringList({"All connected channels = all", "All KICK channels = provider:kick",
-                              "All TWITCH channels = provider:twitch",
-                              "All YOUTUBE channels = provider:youtube",
-                              "TWITCH • A = channel:1234567", "TWITCH • B = channel:abc",
-                              "YOUTUBE • C = channel:-3", "KICK • D = channel:"}));
+        QCOMPARE(
+            box,
+            QStringList({"All connected channels = all", "All KICK channels = provider:kick",
+                         "All TWITCH channels = provider:twitch",
+                         "All YOUTUBE channels = provider:youtube", "TWITCH • A = channel:1234567",
+                         "TWITCH • B = channel:abc", "YOUTUBE • C = channel:-3",
+                         "KICK • D = channel:", "KICK • E = channel:-9223372036854775808"}));
         choose("channel:abc");
         reply("[]", R"([{"connected":true,"provider":"kick"},
                        {"connected":true,"provider":"twitch","channelId":"abc"}])");
@@ -113,6 +119,12 @@ private Q_SLOTS:
     void sendGoesToTheChosenTargetAndClearsOnlyOnSuccess()
     {
         QVERIFY(start());
+        // Blanks alone send nothing and stay in the field.
+        reply("[]", R"([{"connected":true}])");
+        in<QLineEdit>()->setText("  ");
+        QTest::keyClick(in<QLineEdit>(), Qt::Key_Return);
+        QCOMPARE(settledTargets(), QList<QByteArray>());
+        QCOMPARE(in<QLineEdit>()->text(), "  ");
         const char *sends[][3] = {{"all", R"({"text":"hi"})", "200"},
                                   {"provider:kick", R"({"provider":"kick","text":"hi"})", "200"},
                                   {"channel:42", R"({"channelId":"42","text":"hi"})", "200"},

@@ -62,6 +62,28 @@ private Q_SLOTS:
         QVERIFY(hostDouble::calls().isEmpty());
     }
 
+    // The poll asks for the channels, the platforms and the chat, and only with a session.
+    void pollAsksOnlyWithASession()
+    {
+        QVERIFY(start());
+        const QList<QTimer *> timers = controller_->findChildren<QTimer *>();
+        QTimer *poll = *std::find_if(timers.begin(), timers.end(),
+                                     [](QTimer *timer) { return timer->interval() == 10000; });
+        int ticks = 0;
+        connect(poll, &QTimer::timeout, this, [&ticks]() { ++ticks; });
+        poll->start(1);
+        QTRY_VERIFY(ticks > 2);
+        QCOMPARE(settledTargets(), QList<QByteArray>());
+        api().setSessionToken("tok");
+        ticks = 0;
+        QTRY_VERIFY(ticks > 0);
+        poll->stop();
+        const QList<QByteArray> targets = settledTargets();
+        QCOMPARE(targets.size(), 3 * ticks);
+        QCOMPARE(QSet<QByteArray>(targets.begin(), targets.end()),
+                 QSet<QByteArray>({"/api/channels", "/api/chat/messages", "/api/live/stats"}));
+    }
+
     void shutdownCutsTheClientBeforeAbortingAndTakesTheDocksAway()
     {
         store().setValue("sessionToken", "tok");

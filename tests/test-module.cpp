@@ -59,6 +59,10 @@ private Q_SLOTS:
         sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
         pastDeferredStart();
         QCOMPARE(calls().filter("add_dock ").size(), allDocks.size());
+        // From now on the controller hears OBS's events: a started stream is sampled at once.
+        calls().clear();
+        sendEvent(OBS_FRONTEND_EVENT_STREAMING_STARTED);
+        QVERIFY(calls().contains("streaming_active"));
     }
 
     void unloadInsideTheDelayCreatesNothing()

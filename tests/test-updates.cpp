@@ -3,7 +3,6 @@
 #include "fixture.h"
 
 #include <QDesktopServices>
-#include <QMessageBox>
 #include <QPushButton>
 #include <QTemporaryDir>
 
@@ -19,22 +18,22 @@ const char failed[] = "Update download failed.";
 const QByteArray installer = "#!/bin/sh\necho installed\n";
 
 // The release's url (%1: the service's origin, %2: the same over http), sha256 and name; the
-// answer to "/x"; the label and the box at the end.
+// answer to "/x"; whether a stale installer stands in the folder; the label and the box at the
+// end.
 struct Download {
     const char *url;
     QString sha256;
     const char *name;
     int code;
-    const char *location, *label, *box;
+    const char *location;
+    bool stale;
+    const char *label, *box;
 };
 } // namespace
 
 class TestUpdates : public ControllerTest {
     Q_OBJECT
     QTemporaryDir tmp_;
-    QStringList boxes_; // title|text of each box, answered with answer_ or else its first button
-    QMessageBox::StandardButton answer_ = QMessageBox::No;
-    std::function<void()> duringBox_;
     QList<QUrl> opened_;
 
 public:
@@ -43,17 +42,6 @@ public:
         // Installers land in a private temporary folder and are handed to this test, not opened.
         qputenv("TMPDIR", tmp_.path().toUtf8());
         QDesktopServices::setUrlHandler("file", this, "openUrl");
-        auto *timer = new QTimer(this);
-        connect(timer, &QTimer::timeout, this, [this]() {
-            if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
-                boxes_ << box->windowTitle() + '|' + box->text();
-                if (duringBox_)
-                    std::exchange(duringBox_, {})();
-                QAbstractButton *button = box->button(answer_);
-                (button ? button : box->buttons().constFirst())->click();
-            }
-        });
-        timer->start(5);
     }
     Q_SLOT void openUrl(const QUrl &url) { opened_ << url; }
 
@@ -62,7 +50,7 @@ private:
     {
         return withText<QPushButton>(panel("tessivane.account"), "Check for Updates");
     }
-    static QString label() { return button()->parentWidget()->findChildren<QLabel *>()[2]->text(); }
+    QString label() const { return statusLines()[2]; }
     void emitRelease(const QString &version)
     {
         Q_EMIT api().pluginReleaseLoaded({{"available", true}, {"version", version}});
@@ -72,44 +60,45 @@ private Q_SLOTS:
     void versionsComparePieceByPiece()
     {
         QVERIFY(start());
+        answer_ = [](QDialog *box) {
+            press(box, QMessageBox::No);
+        };
         Q_EMIT api().pluginReleaseLoaded({{"version", "9.9.9"}});
         QCOMPARE(label(), upToDate);
-        QStringList questions;
         for (const char *version : {"0.3.3", " V1.0 ", "0.3.10", "0.3.4-rc.1", "0.3.3-rc1", "",
                                     "vv1.0.0", "0.3..4", "0.3.3.1", "0.3.3.0", "0.3.99999999999"}) {
-            boxes_.clear();
+            const qsizetype asked = modals_.size();
             emitRelease(version);
-            QVERIFY2(!boxes_.isEmpty() || label() == upToDate, version);
-            questions << boxes_;
+            QVERIFY2(modals_.size() > asked || label() == upToDate, version);
         }
-        QCOMPARE(questions, QStringList({question.arg("V1.0"), question.arg("0.3.10"),
-                                         question.arg("0.3.4-rc.1"), question.arg("0.3.3.1")}));
+        QCOMPARE(modals_, QStringList({question.arg("V1.0"), question.arg("0.3.10"),
+                                       question.arg("0.3.4-rc.1"), question.arg("0.3.3.1")}));
     }
 
     void manualAndTimerChecksAndTheOneOpenQuestion()
     {
         QVERIFY(start());
-        boxes_.clear();
         button()->click();
         QCOMPARE(label(), "Checking for updates...");
         QVERIFY(!button()->isEnabled());
-        QTRY_COMPARE(boxes_, QStringList{latest}); // a reply of "{}" is up to date
+        QTRY_COMPARE(modals_, QStringList{latest}); // a reply of "{}" is up to date
         // A timer check during a manual one leaves both without the box.
         button()->click();
         controller_->checkForUpdates(false);
         QCOMPARE(settledTargets().size(), 3);
-        QCOMPARE(boxes_.size(), 1);
-        // No starts nothing and takes the manual mark away.
+        QCOMPARE(modals_.size(), 1);
+        // No starts nothing and takes the manual mark away; while the question is open, a newer
+        // reply updates the label but asks nothing.
+        answer_ = [this](QDialog *box) {
+            emitRelease("0.3.5");
+            press(box, QMessageBox::No);
+        };
         service_.fallback = {200, R"({"available":true,"version":"0.3.4"})"};
         button()->click();
-        QTRY_COMPARE(boxes_.size(), 2);
+        QTRY_COMPARE(modals_.size(), 2);
         emitRelease("0.3.3");
-        // While the question is open, a newer reply updates the label but asks nothing.
-        duringBox_ = [this]() {
-            emitRelease("0.3.5");
-        };
         emitRelease("v0.4");
-        QCOMPARE(boxes_, QStringList({latest, question.arg("0.3.4"), question.arg("v0.4")}));
+        QCOMPARE(modals_, QStringList({latest, question.arg("0.3.4"), question.arg("v0.4")}));
         QCOMPARE(label(), "Version 0.3.5 is available.");
         QVERIFY(button()->isEnabled() && controller_->findChildren<QNetworkReply *>().isEmpty());
     }
@@ -120,21 +109,22 @@ private Q_SLOTS:
             QCryptographicHash::hash(installer, QCryptographicHash::Sha256).toHex();
         const QString sha = " " + digest.toUpper() + " ";
         const Download rows[] = {
-            {"%1/i.pkg", sha, " i.pkg ", 0, "", verified, ""},
-            {"%1/x", sha, "i.pkg", 302, "%1/i.pkg", verified, ""},
-            {"%2/i.pkg", sha, "i.pkg", 0, "", asked, metadata},
-            {"%1/i.pkg", digest.left(63), "i.pkg", 0, "", asked, metadata},
-            {"%1/i.pkg", sha, "  ", 0, "", asked, metadata},
-            {"%1/x", sha, "i.pkg", 404, "", failed,
+            {"%1/i.pkg", sha, " i.pkg ", 0, "", false, verified, ""},
+            {"%1/x", sha, "i.pkg", 302, "%1/i.pkg", true, verified, ""},
+            {"%2/i.pkg", sha, "i.pkg", 0, "", true, asked, metadata},
+            {"%1/i.pkg", digest.left(63), "i.pkg", 0, "", true, asked, metadata},
+            {"%1/i.pkg", sha, "  ", 0, "", true, asked, metadata},
+            {"%1/x", sha, "i.pkg", 404, "", true, failed,
              "Download failed: Error transferring %1/x - server replied: Not Found"},
-            {"%1/x", sha, "i.pkg", 302, "%2/i.pkg", failed, "Download failed: Insecure redirect"},
-            {"%1/i.pkg", QString(64, 'z'), "i.pkg", 0, "", "Update verification failed.",
+            {"%1/x", sha, "i.pkg", 302, "%2/i.pkg", true, failed,
+             "Download failed: Insecure redirect"},
+            {"%1/i.pkg", QString(64, 'z'), "i.pkg", 0, "", false, "Update verification failed.",
              "The installer checksum did not match the signed release metadata. Nothing was "
              "installed."},
-            {"%1/i.pkg", sha, "a/b.pkg", 0, "", "Downloading a/b.pkg...",
+            {"%1/i.pkg", sha, "a/b.pkg", 0, "", true, "Downloading a/b.pkg...",
              "The verified installer could not be saved."},
             // Offscreen, nothing opens files once this test stops taking them.
-            {"%1/i.pkg", sha, "i.pkg", 0, "", verified,
+            {"%1/i.pkg", sha, "i.pkg", 0, "", true, verified,
              "The verified installer could not be opened."}};
         QTest::addColumn<Download>("row");
         for (const Download &row : rows)
@@ -150,19 +140,21 @@ private Q_SLOTS:
         };
         const QString box = *row.box ? "Tessivane Update|" + expand(row.box) : "";
         const bool refused = qstrcmp(row.box, metadata) == 0;
+        // The folder is the updater's to make; a stale installer in it is replaced.
         QDir folder(tmp_.filePath("TessivaneUpdates"));
         QFile stale(folder.filePath("i.pkg"));
-        QVERIFY(folder.removeRecursively() && folder.mkpath(".") && stale.open(QFile::WriteOnly));
-        stale.write("stale");
-        stale.close();
+        QVERIFY(folder.removeRecursively());
+        if (row.stale) {
+            QVERIFY(folder.mkpath(".") && stale.open(QFile::WriteOnly));
+            stale.write("stale");
+            stale.close();
+        }
         service_.replies["/i.pkg"] = {200, installer};
         service_.replies["/x"] = {row.code, "{}"};
         service_.locations["/x"] = expand(row.location).toUtf8();
         if (box.endsWith("opened."))
             QDesktopServices::unsetUrlHandler("file");
-        boxes_.clear();
         opened_.clear();
-        answer_ = QMessageBox::Yes;
         QVERIFY(start());
         api().setSessionToken("secret");
 
@@ -175,7 +167,7 @@ private Q_SLOTS:
         QTRY_VERIFY(button()->isEnabled());
         QDesktopServices::setUrlHandler("file", this, "openUrl");
         QCOMPARE(label(), row.label);
-        QCOMPARE(boxes_.mid(1), box.isEmpty() ? QStringList() : QStringList{box});
+        QCOMPARE(modals_.mid(1), box.isEmpty() ? QStringList() : QStringList{box});
         QCOMPARE(service_.requests.isEmpty(), refused);
         // Only the updater's own headers reach the installer's host, never the session.
         for (const ScriptedService::Request &request : std::as_const(service_.requests))
@@ -184,9 +176,13 @@ private Q_SLOTS:
                      "GETapplication/octet-streamTessivane-OBS-Plugin-Updater/0.3.3");
         const QString path = folder.filePath(QString(row.name).trimmed());
         QCOMPARE(opened_, box.isEmpty() ? QList{QUrl::fromLocalFile(path)} : QList<QUrl>());
-        QCOMPARE(folder.entryList(QDir::Files), QStringList{"i.pkg"});
-        QVERIFY(stale.open(QFile::ReadOnly));
-        QCOMPARE(stale.readAll(), qstrcmp(row.label, verified) ? "stale" : installer);
+        const bool written = qstrcmp(row.label, verified) == 0;
+        QCOMPARE(folder.entryList(QDir::Files),
+                 written || row.stale ? QStringList{"i.pkg"} : QStringList());
+        if (written || row.stale) {
+            QVERIFY(stale.open(QFile::ReadOnly));
+            QCOMPARE(stale.readAll(), written ? installer : "stale");
+        }
     }
 };
 

@@ -2,6 +2,7 @@
 #include "fixture.h"
 
 #include <QFile>
+#include <QInputDialog>
 #include <QMetaEnum>
 #include <QSslCertificate>
 #include <QSslKey>
@@ -65,4 +66,84 @@ bool ScriptedService::listen(quint16 port)
 QUrl ScriptedService::baseUrl() const
 {
     return QUrl(QStringLiteral("https://127.0.0.1:%1").arg(http_.serverPorts().value(0)));
+}
+
+ControllerTest::ControllerTest()
+{
+    // Modal boxes run event loops of their own: a timer of the test's answers them there.
+    connect(&modalTimer_, &QTimer::timeout, this, [this]() {
+        static QPointer<QWidget> answered;
+        auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
+        if (!dialog || !dialog->isVisible() || dialog == answered)
+            return;
+        answered = dialog;
+        if (auto *box = qobject_cast<QMessageBox *>(dialog))
+            modals_ << box->windowTitle() + '|' + box->text();
+        else if (auto *input = qobject_cast<QInputDialog *>(dialog))
+            modals_ << QStringList{input->windowTitle(), input->labelText(),
+                                   QString::number(input->textEchoMode()), input->textValue()}
+                           .join('|');
+        if (answer_)
+            answer_(dialog);
+        else if (auto *box = qobject_cast<QMessageBox *>(dialog); box && box->defaultButton())
+            box->defaultButton()->click();
+        else
+            dialog->reject();
+    });
+}
+
+void ControllerTest::initTestCase()
+{
+    QVERIFY2(service_.listen(QUrl(TESSIVANE_SERVICE_ORIGIN).port()),
+             "The origin's port is taken, perhaps by a running development service");
+    modalTimer_.start(5);
+}
+
+void ControllerTest::init()
+{
+    // A warning of Qt's is a fault of ours (a wrong arg(), a widget misused), but for the
+    // offscreen platform's about what it cannot do and the network's about a malformed reply.
+    QTest::failOnWarning(QRegularExpression(
+        "^(?!This plugin does not support|HTTP header value contained illegal)"));
+    hostDouble::reset();
+    store().clear();
+    service_.requests.clear();
+    service_.replies.clear();
+    service_.fallback = {};
+    modals_.clear();
+    answer_ = {};
+}
+
+void ControllerTest::cleanup()
+{
+    delete controller_;
+    controller_ = nullptr;
+}
+
+QStringList ControllerTest::wire()
+{
+    TessivaneTestAccess::settle(api());
+    QStringList lines;
+    for (const ScriptedService::Request &request : std::as_const(service_.requests))
+        lines << request.method + ' ' + request.target + ' ' + request.body;
+    lines.sort();
+    return lines;
+}
+
+QList<QByteArray> ControllerTest::settledTargets()
+{
+    TessivaneTestAccess::settle(api());
+    QList<QByteArray> targets;
+    for (const ScriptedService::Request &request : std::as_const(service_.requests))
+        targets.append(request.target);
+    std::sort(targets.begin(), targets.end());
+    return targets;
+}
+
+bool ControllerTest::docksShown()
+{
+    const QStringList ids = hostDouble::dockIds();
+    return !ids.isEmpty() && std::all_of(ids.begin(), ids.end(), [](const QString &id) {
+        return hostDouble::dock(id)->isVisibleTo(hostDouble::mainWindow());
+    });
 }

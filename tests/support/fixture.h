@@ -9,6 +9,8 @@
 #include <QHttpServer>
 #include <QLabel>
 #include <QMainWindow>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QNetworkReply>
 #include <QSettings>
 #include <QSslConfiguration>
@@ -85,29 +87,27 @@ struct TessivaneTestAccess {
 class ControllerTest : public QObject {
     Q_OBJECT
 
+public:
+    ControllerTest();
+
 protected:
     ScriptedService service_;
     TessivaneController *controller_ = nullptr;
+    // Every modal box or input dialog as it opens: "title|text" of a box, "title|label|echo
+    // mode|text" of a dialog. answer_ then closes it; without one, a box takes its default button
+    // and a dialog is cancelled.
+    QStringList modals_;
+    std::function<void(QDialog *)> answer_;
 
     bool start() { return (controller_ = new TessivaneController)->initialize(); }
     TessivaneApi &api() { return TessivaneTestAccess::api(*controller_); }
-    // The targets the service has seen once the client is quiet, sorted.
-    QList<QByteArray> settledTargets()
-    {
-        TessivaneTestAccess::settle(api());
-        QList<QByteArray> targets;
-        for (const ScriptedService::Request &request : std::as_const(service_.requests))
-            targets.append(request.target);
-        std::sort(targets.begin(), targets.end());
-        return targets;
-    }
-    static bool docksShown()
-    {
-        const QStringList ids = hostDouble::dockIds();
-        return !ids.isEmpty() && std::all_of(ids.begin(), ids.end(), [](const QString &id) {
-            return hostDouble::dock(id)->isVisibleTo(hostDouble::mainWindow());
-        });
-    }
+    // The requests once the client is quiet, as "METHOD target body", sorted: several sent at
+    // once arrive in any order.
+    QStringList wire();
+    QList<QByteArray> settledTargets();
+    // The status lines: the general one, the stream one and the update one.
+    QStringList statusLines() const { return TessivaneTestAccess::statusLines(*controller_); }
+    static bool docksShown();
     static QSettings store() { return QSettings("Tessivane", "OBS Plugin"); }
     static QWidget *panel(const char *id) { return hostDouble::dock(id)->widget(); }
     template <typename T> static T *withText(QWidget *root, const QString &text)
@@ -117,28 +117,18 @@ protected:
                                [&](T *widget) { return widget->text() == text; });
         return it == widgets.end() ? nullptr : *it;
     }
+    // Presses a box's button, or its only one.
+    static void press(QDialog *box, QMessageBox::StandardButton which)
+    {
+        QAbstractButton *button = static_cast<QMessageBox *>(box)->button(which);
+        (button ? button : static_cast<QMessageBox *>(box)->buttons().constFirst())->click();
+    }
 
 private Q_SLOTS:
-    void initTestCase()
-    {
-        QVERIFY2(service_.listen(QUrl(TESSIVANE_SERVICE_ORIGIN).port()),
-                 "The origin's port is taken, perhaps by a running development service");
-    }
-    void init()
-    {
-        // A warning of Qt's is a fault of ours (a wrong arg(), a widget misused), but for the
-        // offscreen platform's about what it cannot do and the network's about a malformed reply.
-        QTest::failOnWarning(QRegularExpression(
-            "^(?!This plugin does not support|HTTP header value contained illegal)"));
-        hostDouble::reset();
-        store().clear();
-        service_.requests.clear();
-        service_.replies.clear();
-        service_.fallback = {};
-    }
-    void cleanup()
-    {
-        delete controller_;
-        controller_ = nullptr;
-    }
+    void initTestCase();
+    void init();
+    void cleanup();
+
+private:
+    QTimer modalTimer_;
 };
