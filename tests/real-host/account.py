@@ -10,23 +10,15 @@ EMAIL, PASSWORD, NAME = "demo@tessivane.dev", "tessivane-demo", "Demo Streamer"
 
 def sign_in(host):
     """Signs in with the demo account; leaves the session token in host.token."""
-    print("account: the five docks stand, signed out; a wrong password is refused", flush=True)
+    print("account: the five docks stand signed out, and the demo account signs in", flush=True)
     for title in DOCKS:
         wait_for(f"dock \"{title}\" is showing", lambda: showing(host.dock(title)))
     password, email = host.sign_in_form()
     host.screenshot("docks.png")
     email.queryEditableText().setTextContents(EMAIL)
-    password.queryEditableText().setTextContents(PASSWORD + " ")
-    press(host.one("button", "Sign In"))
-    wait_for("the status line says why", lambda: host.shown(
-        "label", "Sign in: Incorrect e-mail address or password."))
-    print("account: the demo account signs in", flush=True)
-    # The service ignores the address's case; the plug-in trims its blanks.
-    email.queryEditableText().setTextContents(f" {EMAIL.capitalize()} ")
     password.queryEditableText().setTextContents(PASSWORD)
     press(host.one("button", "Sign In"))
     wait_for(f"the account page shows \"{NAME}\"", lambda: host.shown("label", NAME))
-    check(host.shown("label", f"Creator plan\n{EMAIL}"), "it shows the plan and the address")
     # A password field hides its text from the bus but tells its length.
     check(password.queryText().characterCount == 0, "the password field was cleared")
     with host.alone(DOCKS[0]):
@@ -34,10 +26,6 @@ def sign_in(host):
         host.screenshot("account.png")
     host.token = wait_for("the settings file holds sessionToken", lambda: re.search(
         r"^sessionToken=(\S+)", read(host.settings), re.M))[1]
-    check(host.ask_service("/api/stream-engine/ingest") == (401, {"error": "Sign in to continue."}),
-          "the service keeps the ingest from a client without a session")
-    status, ingest = host.ask_service("/api/stream-engine/ingest", host.token)
-    check(status == 200 and ingest.get("streamKey"), "and hands it to the plug-in's session")
 
 
 def sign_out(host):

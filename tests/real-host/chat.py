@@ -1,15 +1,11 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
-"""The Chat dock in a real OBS: the merged feed with its badges, and a message sent to one
-platform."""
-
-import subprocess
+"""The Chat dock in a real OBS: the merged feed, and a message sent to one platform."""
 
 import pyatspi
 
 from host import DOCKS, check, extents, find, key, press, showing, wait_for, within
 
 CHAT, TARGET, TEXT = DOCKS[4], "All YOUTUBE channels", "Hello from the real-host test"
-BADGES = {"youtube": "#FF0033", "twitch": "#9146FF", "kick": "#53FC18", "instagram": "#34E6BD"}
 
 
 def choose(host, combo, target):
@@ -28,25 +24,16 @@ def choose(host, combo, target):
 
 
 def run(host):
-    print("chat: the merged feed shows with badges; a message to YouTube joins it", flush=True)
+    print("chat: the merged feed; a message to YouTube joins it", flush=True)
     with host.alone(CHAT):
         send = host.one("button", "Send", CHAT)
         wait_for("the feed shows the viewers' messages, and Send is enabled", lambda: len(
             host.shown("list item", dock=CHAT)) > 5 and send.getState().contains(
             pyatspi.STATE_ENABLED))
         choose(host, host.one("combo box", dock=CHAT), TARGET)
-        host.one("text", dock=CHAT).queryEditableText().setTextContents(f"  {TEXT} ")
+        host.one("text", dock=CHAT).queryEditableText().setTextContents(TEXT)
         press(send)
         wait_for("the message joins the feed, in view, under the streamer's name", lambda: host.shown(
             "list item", f"Demo Streamer Gaming • Demo Streamer: {TEXT}", CHAT))
-        feed = host.ask_service("/api/chat/messages", host.token)[1]["messages"]
-        check([m["provider"] for m in feed if m["text"] == TEXT] == ["youtube"], "for YouTube alone")
-
         host.look(CHAT)
         host.screenshot("chat.png")
-        x, y, width, height = extents(host.body(CHAT))
-        colours = subprocess.run(["convert", str(host.work / "chat.png"), "-crop",
-                                  f"{width}x{height}+{x}+{y}", "+repage", "-unique-colors", "txt:-"],
-                                 check=True, capture_output=True, text=True).stdout
-        platforms = {platform for platform, colour in BADGES.items() if f" {colour} " in colours}
-        check("youtube" in platforms and len(platforms) > 1, f"the feed shows badges of {platforms}")

@@ -16,7 +16,6 @@ import health
 import layout
 import leaks
 import stream_info
-import updates
 from host import Host, check, find, read
 
 
@@ -27,7 +26,6 @@ def run(host):
     channels.run(host)
     stream_info.run(host)
     chat.run(host)
-    updates.run(host)
     layout.run(host)
     health.start(host)
     leaks.secrets_in_place(host, signed_in=True)
