@@ -11,6 +11,28 @@
 namespace {
 // The client's own number, kept apart from the plug-in's version on purpose.
 constexpr char userAgent[] = "Tessivane-OBS-Plugin/0.3.0";
+// A reply that says nothing for this long is given up, so that nothing waits for ever.
+constexpr int silenceMs = 30000;
+// No reply of the service's comes near this; a larger one is not held in OBS's memory.
+constexpr qint64 largestReply = 4 * 1024 * 1024;
+// Why the client ended a reply itself, read when it finishes: empty when abortAll ended it, and
+// not set at all when Qt gave up on a silent reply.
+constexpr char endedBecause[] = "tessivaneEndedBecause";
+
+bool sameOrigin(const QUrl &a, const QUrl &b)
+{
+    return a.scheme() == b.scheme() && a.host() == b.host() &&
+           a.port(a.scheme() == QLatin1String("https") ? 443 : 80) ==
+               b.port(b.scheme() == QLatin1String("https") ? 443 : 80);
+}
+
+// Ends a reply from one of its own signals: the abort waits for the signal to return, and the
+// reason stands however the reply finishes meanwhile.
+void endReply(QNetworkReply *reply, const QString &why)
+{
+    reply->setProperty(endedBecause, why);
+    QMetaObject::invokeMethod(reply, &QNetworkReply::abort, Qt::QueuedConnection);
+}
 
 // An id or provider word in a path, escaped here and once more by the request frame, which takes
 // the path as decoded text: a blank reaches the service as "%2520". The service expects that.
@@ -44,8 +66,10 @@ QString TessivaneApi::sessionToken() const
 void TessivaneApi::abortAll()
 {
     const QList<QNetworkReply *> replies = manager_.findChildren<QNetworkReply *>();
-    for (QNetworkReply *reply : replies)
+    for (QNetworkReply *reply : replies) {
+        reply->setProperty(endedBecause, QString());
         reply->abort();
+    }
 }
 
 QNetworkRequest TessivaneApi::requestFor(const QString &path) const
@@ -62,6 +86,11 @@ QNetworkRequest TessivaneApi::requestFor(const QString &path) const
     request.setRawHeader("User-Agent", userAgent);
     if (!sessionToken_.isEmpty())
         request.setRawHeader("Authorization", "Bearer " + sessionToken_.toUtf8());
+    // The session and the password go nowhere but to the service: a redirect is followed only
+    // within its origin.
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         int(QNetworkRequest::UserVerifiedRedirectPolicy));
+    request.setTransferTimeout(silenceMs);
     return request;
 }
 
@@ -81,32 +110,55 @@ void TessivaneApi::post(const QString &path, const QJsonObject &body, const QStr
 
 void TessivaneApi::handleReply(QNetworkReply *reply, const QString &operation, Callback callback)
 {
-    connect(reply, &QNetworkReply::finished, this,
-            [this, reply, operation, callback = std::move(callback)]() {
-                // An aborted reply is already closed; reading it would only warn.
-                const QByteArray body = reply->isOpen() ? reply->readAll() : QByteArray();
-                QJsonParseError parseError;
-                const QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
-                const QJsonObject object = document.isObject() ? document.object() : QJsonObject();
+    connect(reply, &QNetworkReply::redirected, this, [this, reply](const QUrl &target) {
+        if (sameOrigin(target, baseUrl_))
+            Q_EMIT reply->redirectAllowed();
+        else
+            endReply(reply,
+                     QStringLiteral("Tessivane sent the request elsewhere; it was stopped."));
+    });
+    // Qt reads no further than the buffer holds, so that even an endless reply costs no more.
+    reply->setReadBufferSize(largestReply + 1);
+    const auto tooLarge = [reply](qint64 size) {
+        if (size > largestReply && reply->isRunning())
+            endReply(reply, QStringLiteral("Tessivane's reply was too large to read."));
+    };
+    connect(reply, &QNetworkReply::metaDataChanged, reply, [reply, tooLarge]() {
+        tooLarge(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong());
+    });
+    connect(reply, &QNetworkReply::readyRead, reply,
+            [reply, tooLarge]() { tooLarge(reply->bytesAvailable()); });
+    connect(
+        reply, &QNetworkReply::finished, this,
+        [this, reply, operation, callback = std::move(callback)]() {
+            // An aborted reply is already closed; reading it would only warn.
+            const QByteArray body = reply->isOpen() ? reply->readAll() : QByteArray();
+            QJsonParseError parseError;
+            const QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
+            const QJsonObject object = document.isObject() ? document.object() : QJsonObject();
 
-                if (reply->error() != QNetworkReply::NoError) {
-                    QString message = reply->errorString();
-                    const QJsonValue error = object.value(QStringLiteral("error"));
-                    const QJsonValue text = object.value(QStringLiteral("message"));
-                    if (error.isString() && !error.toString().trimmed().isEmpty())
-                        message = error.toString().trimmed();
-                    else if (text.isString() && !text.toString().trimmed().isEmpty())
-                        message = text.toString().trimmed();
-                    Q_EMIT requestFailed(operation, message);
-                } else if (parseError.error != QJsonParseError::NoError &&
-                           !body.trimmed().isEmpty()) {
-                    Q_EMIT requestFailed(operation,
-                                         QStringLiteral("Tessivane returned an invalid response."));
-                } else {
-                    callback(object);
-                }
-                reply->deleteLater();
-            });
+            const QVariant ended = reply->property(endedBecause);
+            if (reply->error() != QNetworkReply::NoError || !ended.toString().isEmpty()) {
+                QString message = ended.toString();
+                if (!ended.isValid() && reply->error() == QNetworkReply::OperationCanceledError)
+                    message = QStringLiteral("Tessivane did not answer. Try again in a moment.");
+                else if (message.isEmpty())
+                    message = reply->errorString();
+                const QJsonValue error = object.value(QStringLiteral("error"));
+                const QJsonValue text = object.value(QStringLiteral("message"));
+                if (error.isString() && !error.toString().trimmed().isEmpty())
+                    message = error.toString().trimmed();
+                else if (text.isString() && !text.toString().trimmed().isEmpty())
+                    message = text.toString().trimmed();
+                Q_EMIT requestFailed(operation, message);
+            } else if (parseError.error != QJsonParseError::NoError && !body.trimmed().isEmpty()) {
+                Q_EMIT requestFailed(operation,
+                                     QStringLiteral("Tessivane returned an invalid response."));
+            } else {
+                callback(object);
+            }
+            reply->deleteLater();
+        });
 }
 
 void TessivaneApi::login(const QString &email, const QString &password)
@@ -183,11 +235,15 @@ void TessivaneApi::startProviderConnection(const QString &provider)
     post(QStringLiteral("/api/connections/%1/start").arg(pathWord(provider)), QJsonObject(),
          operation, [this, provider, operation](const QJsonObject &reply) {
              const QUrl url(reply.value(QStringLiteral("url")).toString(), QUrl::TolerantMode);
-             if (url.isValid() && !url.isEmpty())
-                 Q_EMIT providerAuthorizationReady(provider, url);
-             else
+             if (!url.isValid() || url.isEmpty())
                  Q_EMIT requestFailed(operation,
                                       QStringLiteral("No authorization URL was returned."));
+             // Only a secure page goes to the browser, or one of the service's own.
+             else if (url.scheme() != QLatin1String("https") && !sameOrigin(url, baseUrl_))
+                 Q_EMIT requestFailed(operation, QStringLiteral("The authorization address is "
+                                                                "not secure; it was not opened."));
+             else
+                 Q_EMIT providerAuthorizationReady(provider, url);
          });
 }
 

@@ -64,6 +64,10 @@ const std::vector<Endpoint> &endpoints()
         {"connect without url", [](A &api) { api.startProviderConnection("kick"); },
          "POST", "/api/connections/kick/start", "{}", "Connect kick",
          R"({"url":7})", {"requestFailed Connect kick No authorization URL was returned."}},
+        {"connect to an insecure page", [](A &api) { api.startProviderConnection("kick"); },
+         "POST", "/api/connections/kick/start", "{}", "Connect kick",
+         R"({"url":"http://x/a"})",
+         {"requestFailed Connect kick The authorization address is not secure; it was not opened."}},
         {"remove", [](A &api) { api.removeChannel("a%b"); },
          "POST", "/api/channels/a%2525b/remove", "{}", "Remove channel",
          "{}", {"channelsLoaded [] {}"}},
@@ -139,6 +143,8 @@ private Q_SLOTS:
         api_.setBaseUrl(service_.baseUrl());
         api_.setSessionToken("tok");
         service_.requests.clear();
+        service_.replies.clear();
+        service_.locations.clear();
         service_.fallback = {};
         failed_.clear();
     }
@@ -217,6 +223,45 @@ private Q_SLOTS:
         // A failure, 401 included, leaves the session alone; the reply is released either way.
         QCOMPARE(api_.sessionToken(), QStringLiteral("tok"));
         QTRY_COMPARE(TessivaneTestAccess::liveReplies(api_), 0);
+    }
+
+    // The session and the password reach the service's origin alone, a reply is bounded in size,
+    // and a silent one is given up after 30 s and told as such.
+    void theSessionStaysWithTheServiceAndRepliesAreBounded()
+    {
+        ScriptedService elsewhere;
+        QVERIFY(elsewhere.listen());
+        QSignalSpy account(&api_, &TessivaneApi::accountLoaded);
+        service_.replies["/api/me"] = {307, "{}"};
+        service_.locations["/api/me"] = service_.baseUrl().toEncoded() + "/api/me2";
+        service_.replies["/api/me2"] = {200, R"({"user":{"id":2}})"};
+        api_.fetchAccount();
+        QTRY_COMPARE(account.count(), 1);
+        service_.replies["/api/auth/login"] = {307, "{}"};
+        service_.locations["/api/auth/login"] = elsewhere.baseUrl().toEncoded() + "/steal";
+        service_.replies["/api/stream-engine/ingest"] = {200, QByteArray(5 << 20, ' ')};
+        service_.replies["/api/channels"].status = ScriptedService::hold;
+        api_.login("a@x", "secret");
+        api_.fetchIngest();
+        api_.fetchChannels();
+        QTRY_COMPARE(failed_.count(), 2);
+        QTRY_COMPARE(service_.requests.size(), 5);
+        QCOMPARE(TessivaneTestAccess::requestFor(api_, "/").transferTimeout(), 30000);
+        // Qt gives up on a silent reply by aborting it.
+        const QList<QNetworkReply *> replies =
+            TessivaneTestAccess::manager(api_)->findChildren<QNetworkReply *>();
+        (*std::find_if(replies.begin(), replies.end(), [](QNetworkReply *reply) {
+            return reply->url().path() == "/api/channels";
+        }))->abort();
+        QStringList failures;
+        for (int i = 0; i < failed_.count(); ++i)
+            failures << failure(i).join(": ");
+        failures.sort();
+        QCOMPARE(failures,
+                 QStringList({"Configure OBS: Tessivane's reply was too large to read.",
+                              "Load channels: Tessivane did not answer. Try again in a moment.",
+                              "Sign in: Tessivane sent the request elsewhere; it was stopped."}));
+        QVERIFY(elsewhere.requests.isEmpty());
     }
 
     void abortAllFailsEveryRequestInFlight()

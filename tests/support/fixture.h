@@ -74,6 +74,10 @@ struct TessivaneTestAccess {
         return QTest::qWaitFor([&]() { return running(&api.manager_) == 0; });
     }
     static QObject *manager(TessivaneApi &api) { return &api.manager_; }
+    static QNetworkRequest requestFor(TessivaneApi &api, const QString &path)
+    {
+        return api.requestFor(path);
+    }
     // The requests in flight among the children of a network manager (or of their owner).
     static qsizetype running(const QObject *owner)
     {
