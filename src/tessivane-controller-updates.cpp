@@ -7,6 +7,7 @@
 #include <QDesktopServices>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QLabel>
 #include <QList>
 #include <QMessageBox>
@@ -16,22 +17,63 @@
 #include <QPointer>
 #include <QPushButton>
 #include <QRegularExpression>
+#include <QSaveFile>
 #include <QStandardPaths>
 
 #include <obs-frontend-api.h>
 
+#include <unistd.h>
+
 namespace {
 constexpr char updaterUserAgent[] = "Tessivane-OBS-Plugin-Updater/0.3.3";
 constexpr qsizetype sha256HexLength = 64;
+// An installer is held whole in memory until its digest has matched: none may be larger.
+constexpr qint64 largestInstaller = 512LL * 1024 * 1024;
+constexpr int installerSilenceMs = 60000;
+
+// A name for a file in the updates folder and nowhere else.
+bool plainFileName(const QString &name)
+{
+    return !name.contains(QLatin1Char('/')) && !name.contains(QLatin1Char('\\')) &&
+           !name.contains(QLatin1String("..")) && QFileInfo(name).fileName() == name;
+}
+
+// The updates folder in the temporary location, which every user shares: only a real folder of
+// the streamer's own that nobody else may enter, made so if need be. Empty when there is none.
+QString privateUpdatesFolder()
+{
+    const QString folder = QDir(QStandardPaths::writableLocation(QStandardPaths::TempLocation))
+                               .filePath(QStringLiteral("TessivaneUpdates"));
+    QDir().mkdir(folder);
+    const QFileInfo info(folder);
+    constexpr QFile::Permissions others = QFile::ReadGroup | QFile::WriteGroup | QFile::ExeGroup |
+                                          QFile::ReadOther | QFile::WriteOther | QFile::ExeOther;
+    if (info.isSymLink() || !info.isDir() || info.ownerId() != uint(getuid()) ||
+        !QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner) ||
+        (QFileInfo(folder).permissions() & others))
+        return QString();
+    return folder;
+}
 
 QWidget *mainWindow()
 {
     return static_cast<QWidget *>(obs_frontend_get_main_window());
 }
 
+// A box over OBS's window; what the service says in it shows as text, never as markup.
+QMessageBox::StandardButton ask(QMessageBox::Icon icon, const QString &title, const QString &text,
+                                QMessageBox::StandardButtons buttons,
+                                QMessageBox::StandardButton defaultButton = QMessageBox::NoButton)
+{
+    QMessageBox box(icon, title, text, buttons, mainWindow());
+    box.setTextFormat(Qt::PlainText);
+    box.setDefaultButton(defaultButton);
+    return QMessageBox::StandardButton(box.exec());
+}
+
 void showUpdateError(const QString &text)
 {
-    QMessageBox::critical(mainWindow(), QStringLiteral("Tessivane Update"), text, QMessageBox::Ok);
+    ask(QMessageBox::Critical, QStringLiteral("Tessivane Update"), text, QMessageBox::Ok);
 }
 
 void setText(QLabel *label, const QString &text)
@@ -89,9 +131,8 @@ void TessivaneController::handlePluginRelease(const QJsonObject &release)
         setText(updateStatusLabel_,
                 QStringLiteral("Tessivane OBS Plugin v%1 is up to date.").arg(pluginVersion));
         if (manualUpdateCheck_)
-            QMessageBox::information(mainWindow(), QStringLiteral("Tessivane Updates"),
-                                     QStringLiteral("You already have the latest version."),
-                                     QMessageBox::Ok);
+            ask(QMessageBox::Information, QStringLiteral("Tessivane Updates"),
+                QStringLiteral("You already have the latest version."), QMessageBox::Ok);
         manualUpdateCheck_ = false;
         return;
     }
@@ -104,12 +145,12 @@ void TessivaneController::handlePluginRelease(const QJsonObject &release)
     }
     updatePromptOpen_ = true;
     const QPointer<TessivaneController> self(this);
-    const QMessageBox::StandardButton answer = QMessageBox::question(
-        mainWindow(), QStringLiteral("Tessivane Update Available"),
-        QStringLiteral("Tessivane OBS Plugin %1 is available.\n\nDownload the verified installer "
-                       "and begin the update now?")
-            .arg(version),
-        QMessageBox::Yes | QMessageBox::No, QMessageBox::Yes);
+    const QMessageBox::StandardButton answer =
+        ask(QMessageBox::Question, QStringLiteral("Tessivane Update Available"),
+            QStringLiteral("Tessivane OBS Plugin %1 is available.\n\nDownload the verified "
+                           "installer and begin the update now?")
+                .arg(version),
+            QMessageBox::Yes | QMessageBox::No, QMessageBox::Yes);
     // OBS may have unloaded the module while the question was open.
     if (!self)
         return;
@@ -124,6 +165,9 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
     const QUrl url(release.value(QStringLiteral("url")).toString(), QUrl::TolerantMode);
     const QString sha256 = release.value(QStringLiteral("sha256")).toString().trimmed().toLower();
     const QString name = release.value(QStringLiteral("name")).toString().trimmed();
+    const double declared = release.value(QStringLiteral("size")).toDouble();
+    const qint64 largest =
+        declared > 0 && declared < largestInstaller ? qint64(declared) : largestInstaller;
     if (!url.isValid() || url.scheme() != QLatin1String("https") ||
         sha256.size() != sha256HexLength || name.isEmpty()) {
         showUpdateError(QStringLiteral("The update metadata could not be verified."));
@@ -140,14 +184,32 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
                          QVariant(int(QNetworkRequest::NoLessSafeRedirectPolicy)));
     request.setRawHeader("Accept", "application/octet-stream");
     request.setRawHeader("User-Agent", updaterUserAgent);
+    request.setTransferTimeout(installerSilenceMs);
     QNetworkReply *reply = downloadManager_->get(request);
+    // Qt reads no further than the buffer holds, so that an endless download costs no more.
+    reply->setReadBufferSize(largest + 1);
+    const auto tooLarge = [reply, largest](qint64 size) {
+        if (size > largest && reply->isRunning()) {
+            reply->setProperty("tooLarge", true);
+            QMetaObject::invokeMethod(reply, &QNetworkReply::abort, Qt::QueuedConnection);
+        }
+    };
+    connect(reply, &QNetworkReply::metaDataChanged, reply, [reply, tooLarge]() {
+        tooLarge(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong());
+    });
+    connect(reply, &QNetworkReply::readyRead, reply,
+            [reply, tooLarge]() { tooLarge(reply->bytesAvailable()); });
 
     connect(reply, &QNetworkReply::finished, this, [this, reply, sha256, name]() {
         // The installer stays in memory until its digest has matched: no unverified byte is
         // ever written.
-        const QByteArray body = reply->readAll();
-        const QString errorText =
+        const QByteArray body = reply->isOpen() ? reply->readAll() : QByteArray();
+        QString errorText =
             reply->error() != QNetworkReply::NoError ? reply->errorString() : QString();
+        if (reply->property("tooLarge").toBool())
+            errorText = QStringLiteral("the installer is larger than its release says");
+        else if (reply->error() == QNetworkReply::OperationCanceledError)
+            errorText = QStringLiteral("the server stopped answering");
         reply->deleteLater();
         setEnabled(checkUpdatesButton_, true);
 
@@ -166,19 +228,19 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
             return;
         }
 
-        const QString folder = QDir(QStandardPaths::writableLocation(QStandardPaths::TempLocation))
-                                   .filePath(QStringLiteral("TessivaneUpdates"));
-        // A folder that can't be made shows up as a file that can't be opened.
-        QDir().mkpath(folder);
-        // The name is taken as the release gives it, folders and all.
+        // Written whole under a new name and then renamed, so that no link planted under the
+        // installer's name is followed, and what is opened is what was verified.
+        const QString folder = privateUpdatesFolder();
         const QString path = QDir(folder).filePath(name);
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
-            file.write(body) != body.size()) {
+        // Whatever stood under the name goes first: QSaveFile would write through a link.
+        if (!folder.isEmpty() && plainFileName(name))
+            QFile::remove(path);
+        QSaveFile file(path);
+        if (folder.isEmpty() || !plainFileName(name) || !file.open(QIODevice::WriteOnly) ||
+            file.write(body) != body.size() || !file.commit()) {
             showUpdateError(QStringLiteral("The verified installer could not be saved."));
             return;
         }
-        file.close();
 
         setText(updateStatusLabel_, QStringLiteral("Update verified. Opening installer..."));
         if (!QDesktopServices::openUrl(QUrl::fromLocalFile(path)))

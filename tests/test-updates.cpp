@@ -6,6 +6,8 @@
 #include <QPushButton>
 #include <QTemporaryDir>
 
+#include <unistd.h>
+
 namespace {
 const QString question = "Tessivane Update Available|Tessivane OBS Plugin %1 is available.\n\n"
                          "Download the verified installer and begin the update now?";
@@ -15,19 +17,17 @@ const char verified[] = "Update verified. Opening installer...",
            asked[] = "Version 1 is available.";
 const char metadata[] = "The update metadata could not be verified.";
 const char failed[] = "Update download failed.";
+const char saved[] = "The verified installer could not be saved.";
 const QByteArray installer = "#!/bin/sh\necho installed\n";
 
-// The release's url (%1: the service's origin, %2: the same over http), sha256 and name; the
-// answer to "/x"; whether a stale installer stands in the folder; the label and the box at the
-// end.
+// The release's url (%1: the service's origin, %2: the same over http), sha256, name and size;
+// the answer to "/x"; the updates folder before (see prepare()); the label and the box at the end.
 struct Download {
     const char *url;
     QString sha256;
     const char *name;
-    int code;
-    const char *location;
-    bool stale;
-    const char *label, *box;
+    int size, code;
+    const char *location, *folder, *label, *box;
 };
 } // namespace
 
@@ -109,26 +109,59 @@ private Q_SLOTS:
             QCryptographicHash::hash(installer, QCryptographicHash::Sha256).toHex();
         const QString sha = " " + digest.toUpper() + " ";
         const Download rows[] = {
-            {"%1/i.pkg", sha, " i.pkg ", 0, "", false, verified, ""},
-            {"%1/x", sha, "i.pkg", 302, "%1/i.pkg", true, verified, ""},
-            {"%2/i.pkg", sha, "i.pkg", 0, "", true, asked, metadata},
-            {"%1/i.pkg", digest.left(63), "i.pkg", 0, "", true, asked, metadata},
-            {"%1/i.pkg", sha, "  ", 0, "", true, asked, metadata},
-            {"%1/x", sha, "i.pkg", 404, "", true, failed,
+            {"%1/i.pkg", sha, " i.pkg ", 0, 0, "", "none", verified, ""},
+            {"%1/x", sha, "i.pkg", 26, 302, "%1/i.pkg", "stale", verified, ""},
+            {"%1/i.pkg", sha, "i.pkg", 0, 0, "", "open to all", verified, ""},
+            {"%1/i.pkg", sha, "i.pkg", 0, 0, "", "planted link", verified, ""},
+            {"%2/i.pkg", sha, "i.pkg", 0, 0, "", "stale", asked, metadata},
+            {"%1/i.pkg", digest.left(63), "i.pkg", 0, 0, "", "stale", asked, metadata},
+            {"%1/i.pkg", sha, "  ", 0, 0, "", "stale", asked, metadata},
+            {"%1/x", sha, "i.pkg", 0, 404, "", "stale", failed,
              "Download failed: Error transferring %1/x - server replied: Not Found"},
-            {"%1/x", sha, "i.pkg", 302, "%2/i.pkg", true, failed,
+            {"%1/x", sha, "i.pkg", 0, 302, "%2/i.pkg", "stale", failed,
              "Download failed: Insecure redirect"},
-            {"%1/i.pkg", QString(64, 'z'), "i.pkg", 0, "", false, "Update verification failed.",
+            {"%1/i.pkg", sha, "i.pkg", 24, 0, "", "none", failed,
+             "Download failed: the installer is larger than its release says"},
+            {"%1/i.pkg", QString(64, 'z'), "i.pkg", 0, 0, "", "none", "Update verification failed.",
              "The installer checksum did not match the signed release metadata. Nothing was "
              "installed."},
-            {"%1/i.pkg", sha, "a/b.pkg", 0, "", true, "Downloading a/b.pkg...",
-             "The verified installer could not be saved."},
+            {"%1/i.pkg", sha, "a/b.pkg", 0, 0, "", "stale", "Downloading a/b.pkg...", saved},
+            {"%1/i.pkg", sha, "/tmp/i.pkg", 0, 0, "", "stale", "Downloading /tmp/i.pkg...", saved},
+            {"%1/i.pkg", sha, "..pkg", 0, 0, "", "stale", "Downloading ..pkg...", saved},
+            {"%1/i.pkg", sha, "i.pkg", 0, 0, "", "a link", "Downloading i.pkg...", saved},
+            {"%1/i.pkg", sha, "i.pkg", 0, 0, "", "another's", "Downloading i.pkg...", saved},
             // Offscreen, nothing opens files once this test stops taking them.
-            {"%1/i.pkg", sha, "i.pkg", 0, "", true, verified,
+            {"%1/i.pkg", sha, "i.pkg", 0, 0, "", "stale", verified,
              "The verified installer could not be opened."}};
         QTest::addColumn<Download>("row");
         for (const Download &row : rows)
-            QTest::addRow("%s %s %s", row.url, row.name, row.box) << row;
+            QTest::addRow("%s %s %s %s", row.url, row.name, row.folder, row.box) << row;
+    }
+
+    // The updates folder in the shared temporary location as another user may leave it: none, a
+    // folder of the streamer's with a stale installer, open to all, with a link planted under
+    // the installer's name, a link to another folder, or another user's folder.
+    void prepare(const QString &state)
+    {
+        QDir folder(tmp_.filePath("TessivaneUpdates"));
+        QFile::remove(folder.path()); // a link
+        QVERIFY(folder.removeRecursively());
+        QDir elsewhere(tmp_.filePath("elsewhere"));
+        QVERIFY(elsewhere.removeRecursively() && elsewhere.mkpath("."));
+        if (state == "a link")
+            QVERIFY(QFile::link(elsewhere.path(), folder.path()));
+        if (state == "none" || state == "a link")
+            return;
+        QVERIFY(folder.mkpath("."));
+        QFile stale(folder.filePath("i.pkg"));
+        QVERIFY(stale.open(QFile::WriteOnly) && stale.write("stale"));
+        stale.close();
+        if (state == "open to all")
+            QVERIFY(QFile::setPermissions(folder.path(), QFile::Permissions(0x7777)));
+        if (state == "planted link")
+            QVERIFY(stale.remove() && QFile::link(elsewhere.filePath("mine"), stale.fileName()));
+        if (state == "another's")
+            QCOMPARE(chown(qPrintable(folder.path()), 65534, 65534), 0);
     }
 
     void downloadOutcomes()
@@ -140,15 +173,7 @@ private Q_SLOTS:
         };
         const QString box = *row.box ? "Tessivane Update|" + expand(row.box) : "";
         const bool refused = qstrcmp(row.box, metadata) == 0;
-        // The folder is the updater's to make; a stale installer in it is replaced.
-        QDir folder(tmp_.filePath("TessivaneUpdates"));
-        QFile stale(folder.filePath("i.pkg"));
-        QVERIFY(folder.removeRecursively());
-        if (row.stale) {
-            QVERIFY(folder.mkpath(".") && stale.open(QFile::WriteOnly));
-            stale.write("stale");
-            stale.close();
-        }
+        prepare(row.folder);
         service_.replies["/i.pkg"] = {200, installer};
         service_.replies["/x"] = {row.code, "{}"};
         service_.locations["/x"] = expand(row.location).toUtf8();
@@ -158,11 +183,14 @@ private Q_SLOTS:
         QVERIFY(start());
         api().setSessionToken("secret");
 
-        Q_EMIT api().pluginReleaseLoaded({{"available", true},
-                                          {"version", "1"},
-                                          {"url", expand(row.url)},
-                                          {"sha256", row.sha256},
-                                          {"name", row.name}});
+        QJsonObject release{{"available", true},
+                            {"version", "1"},
+                            {"url", expand(row.url)},
+                            {"sha256", row.sha256},
+                            {"name", row.name}};
+        if (row.size)
+            release.insert("size", row.size);
+        Q_EMIT api().pluginReleaseLoaded(release);
         QCOMPARE(button()->isEnabled(), refused);
         QTRY_VERIFY(button()->isEnabled());
         QDesktopServices::setUrlHandler("file", this, "openUrl");
@@ -174,15 +202,21 @@ private Q_SLOTS:
             QCOMPARE(request.method + request.header("Accept") + request.header("User-Agent") +
                          request.header("Authorization"),
                      "GETapplication/octet-streamTessivane-OBS-Plugin-Updater/0.3.3");
-        const QString path = folder.filePath(QString(row.name).trimmed());
-        QCOMPARE(opened_, box.isEmpty() ? QList{QUrl::fromLocalFile(path)} : QList<QUrl>());
-        const bool written = qstrcmp(row.label, verified) == 0;
-        QCOMPARE(folder.entryList(QDir::Files),
-                 written || row.stale ? QStringList{"i.pkg"} : QStringList());
-        if (written || row.stale) {
-            QVERIFY(stale.open(QFile::ReadOnly));
-            QCOMPARE(stale.readAll(), written ? installer : "stale");
+
+        // The verified installer stands in the streamer's own folder, which nobody else may
+        // enter; nothing else is written, and nothing anywhere else.
+        QDir folder(tmp_.filePath("TessivaneUpdates"));
+        QFile written(folder.filePath("i.pkg"));
+        const bool verifiedHere = qstrcmp(row.label, verified) == 0;
+        QCOMPARE(opened_,
+                 box.isEmpty() ? QList{QUrl::fromLocalFile(written.fileName())} : QList<QUrl>());
+        if (verifiedHere) {
+            QVERIFY(written.open(QFile::ReadOnly) && !QFileInfo(written).isSymLink());
+            QCOMPARE(written.readAll(), installer);
+            QCOMPARE(QFileInfo(folder.path()).permissions() & 0x0077, 0);
         }
+        QVERIFY(QDir(tmp_.filePath("elsewhere")).isEmpty());
+        QCOMPARE(QDir(tmp_.path()).entryList({"*.pkg"}), QStringList());
     }
 };
 
