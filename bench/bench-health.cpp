@@ -23,7 +23,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         hostDouble::reset();
-        hostDouble::streaming() = {true, true, 0, 9000, 12, false, {}};
+        hostDouble::streaming() = {true, true, 0, 9000, 12, false, {}, {}};
         controller_ = new TessivaneController;
         QVERIFY(controller_->initialize());
     }

@@ -4,6 +4,9 @@
 #include "tessivane-widgets.h"
 
 #include <QDesktopServices>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QFrame>
 #include <QLabel>
 #include <QLineEdit>
@@ -11,6 +14,8 @@
 #include <QSettings>
 #include <QStackedWidget>
 #include <QVBoxLayout>
+
+#include <functional>
 
 namespace {
 constexpr QLatin1String settingsOrganization("Tessivane");
@@ -94,18 +99,30 @@ QString TessivaneController::loadSession() const
     return settings.value(sessionTokenKey).toString().trimmed();
 }
 
+namespace {
+// The settings file holds the session token: it is for the streamer's eyes only, also before the
+// token is first written, since Qt keeps a file's permissions when it writes it anew.
+void writeSettings(const std::function<void(QSettings &)> &write)
+{
+    QSettings settings(settingsOrganization, settingsApplication);
+    const QString file = settings.fileName();
+    QDir().mkpath(QFileInfo(file).path());
+    QFile(file).open(QIODevice::Append);
+    QFile::setPermissions(file, QFile::ReadOwner | QFile::WriteOwner);
+    write(settings);
+}
+} // namespace
+
 void TessivaneController::saveSession(const QString &token)
 {
     api_.setSessionToken(token);
-    QSettings settings(settingsOrganization, settingsApplication);
-    settings.setValue(sessionTokenKey, token);
+    writeSettings([&token](QSettings &settings) { settings.setValue(sessionTokenKey, token); });
 }
 
 void TessivaneController::clearSession()
 {
     api_.setSessionToken(QString());
-    QSettings settings(settingsOrganization, settingsApplication);
-    settings.remove(sessionTokenKey);
+    writeSettings([](QSettings &settings) { settings.remove(sessionTokenKey); });
 }
 
 void TessivaneController::setSignedInUi(bool signedIn)

@@ -27,6 +27,10 @@ bool replaceStreamingService(const QString &server, const QString &key)
         return false;
     obs_frontend_set_streaming_service(service);
     obs_frontend_save_streaming_service();
+    // OBS keeps the service it replaced as a backup: a second save puts this one there too, so
+    // that no key outlives its service on disk.
+    if (server.isEmpty())
+        obs_frontend_save_streaming_service();
     obs_service_release(service);
     return true;
 }
@@ -35,6 +39,9 @@ bool replaceStreamingService(const QString &server, const QString &key)
 
 void TessivaneController::configureObsIngest(const QJsonObject &ingest)
 {
+    // A reply that arrives after sign-out must not bring the key back.
+    if (api_.sessionToken().isEmpty())
+        return;
     QString server = trimmedText(ingest, "server");
     if (server.isEmpty())
         server = trimmedText(ingest, "ingestUrl");

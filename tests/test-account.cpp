@@ -3,6 +3,7 @@
 #include "fixture.h"
 
 #include <QDesktopServices>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QLineEdit>
 #include <QPushButton>
@@ -58,8 +59,9 @@ private Q_SLOTS:
         QCOMPARE(password()->text(), "");
         QCOMPARE(email()->text(), "  demo@tessivane.dev ");
         QVERIFY(docksShown());
-        // Kept as received, since reading trims it.
+        // Kept as received, since reading trims it, and for the streamer's eyes only.
         QCOMPARE(store().value("sessionToken"), " tok-1 ");
+        QCOMPARE(QFileInfo(store().fileName()).permissions() & 0x0077, 0);
     }
 
     void signInWithATokenOfBlanksRefreshesNothing()

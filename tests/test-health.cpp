@@ -147,11 +147,20 @@ private Q_SLOTS:
     void signOutEmptiesTheServiceAndStartWaitsForAnIngest()
     {
         QVERIFY(start());
+        api().setSessionToken("tok");
         Q_EMIT api().ingestLoaded({{"server", "rtmp://a"}, {"streamKey", "k"}});
         hostDouble::calls().clear();
         Q_EMIT api().signedOut();
-        QCOMPARE(hostDouble::calls(), serviceCalls);
+        // Saved twice, so that OBS's backup of the service holds no key either.
+        QStringList clearing = serviceCalls;
+        clearing.insert(8, "save_streaming_service");
+        QCOMPARE(hostDouble::calls(), clearing);
         QCOMPARE(host().saved, service("", ""));
+        QCOMPARE(host().backup, service("", ""));
+        // An ingest reply that arrives after sign-out brings nothing back.
+        hostDouble::calls().clear();
+        Q_EMIT api().ingestLoaded({{"server", "rtmp://a"}, {"streamKey", "k"}});
+        QCOMPARE(hostDouble::calls(), QStringList());
         // Signed out: the text each time, and no start and no request however often.
         for (int i = 0; i < 2; ++i) {
             QCOMPARE(click(), QStringList{"streaming_active"});
@@ -192,7 +201,7 @@ private Q_SLOTS:
         QFETCH(int, row);
         const FigureRow &data = figureRows[row];
         QVERIFY(start());
-        host() = {data.active, data.output, 0, data.frames, data.dropped, false, {}};
+        host() = {data.active, data.output, 0, data.frames, data.dropped, false, {}, {}};
         hostDouble::calls().clear();
         controller_->refreshHealth();
         const QStringList texts = shown();

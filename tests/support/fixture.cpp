@@ -106,9 +106,10 @@ void ControllerTest::init()
     QTest::failOnWarning(QRegularExpression(
         "^(?!This plugin does not support|HTTP header value contained illegal)"));
     hostDouble::reset();
-    store().clear();
+    QFile::remove(store().fileName());
     service_.requests.clear();
     service_.replies.clear();
+    service_.locations.clear();
     service_.fallback = {};
     modals_.clear();
     answer_ = {};

@@ -13,6 +13,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <utility>
 
 struct text_lookup {};
 struct obs_data {
@@ -231,7 +232,7 @@ Q_DECL_EXPORT config_t *obs_frontend_get_user_config(void);
 HOST_CALL(void, obs_data_release, (obs_data_t * data), "data_release", delete data)
 HOST_CALL(void, obs_service_release, (obs_service_t * service), "service_release", delete service)
 HOST_CALL(void, obs_frontend_save_streaming_service, (void), "save_streaming_service",
-          void(host.streaming.saved = host.current))
+          void(host.streaming.backup = std::exchange(host.streaming.saved, host.current)))
 HOST_CALL(bool, obs_frontend_streaming_active, (void), "streaming_active", host.streaming.active)
 HOST_CALL(void, obs_frontend_streaming_start, (void), "streaming_start", void())
 HOST_CALL(void, obs_frontend_streaming_stop, (void), "streaming_stop", void())

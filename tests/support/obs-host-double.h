@@ -29,9 +29,9 @@ struct Streaming {
     int totalFrames = 0;
     int droppedFrames = 0;
     bool refuseService = false; // obs_service_create gives null
-    // The settings of the streaming service as last saved, with their values; the calls name
-    // only the settings, never a key.
-    QVariantMap saved;
+    // The settings of the streaming service as last saved, with their values, and before that,
+    // as OBS keeps them in its backup; the calls name only the settings, never a key.
+    QVariantMap saved, backup;
 };
 Streaming &streaming();
 // [BasicWindow] DockState in OBS 30's global configuration, or with `user` in OBS 31's.
