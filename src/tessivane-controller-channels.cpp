@@ -239,6 +239,7 @@ void TessivaneController::renderChannels(const QJsonArray &channels)
                     .arg(name),
                 QMessageBox::Yes | QMessageBox::Cancel, channelsContainer_);
             box->setDefaultButton(QMessageBox::Cancel);
+            box->setTextFormat(Qt::PlainText);
             const QPointer<TessivaneController> self(this);
             const int answer = box->exec();
             // Gone with the dock, at shutdown: nothing is left to act for.

@@ -13,6 +13,7 @@
 #include <QPixmap>
 #include <QPushButton>
 #include <QSet>
+#include <QTextDocument>
 #include <QVBoxLayout>
 
 #include <cmath>
@@ -151,7 +152,10 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
                                                       field(message, QLatin1String("author")),
                                                       field(message, QLatin1String("text"))),
                                              chatList_);
-            item->setToolTip(providerUpper);
+            // A tool tip that looks like markup would be shown as such.
+            item->setToolTip(Qt::mightBeRichText(providerUpper)
+                                 ? Qt::convertFromPlainText(providerUpper)
+                                 : providerUpper);
         }
         chatMessagesSignature_ = messagesSignature;
     }

@@ -189,6 +189,7 @@ QLabel *heading(const QString &text, QWidget *parent)
 {
     auto *label = new QLabel(text, parent);
     label->setObjectName(QStringLiteral("TessivaneHeading"));
+    label->setTextFormat(Qt::PlainText);
     return label;
 }
 
@@ -198,6 +199,8 @@ QLabel *wrappedLabel(const QString &text, const char *objectName, QWidget *paren
     auto *label = new QLabel(text, parent);
     label->setObjectName(QLatin1String(objectName));
     label->setWordWrap(true);
+    // Names and messages from the service show as they are, never as markup.
+    label->setTextFormat(Qt::PlainText);
     return label;
 }
 } // namespace

@@ -51,6 +51,10 @@ private Q_SLOTS:
         for (QLabel *name : dock()->findChildren<QLabel *>("TessivaneValue"))
             colours += name->styleSheet().right(9);
         QCOMPARE(colours, " #6f8883; #f9fffe; #f9fffe; #f9fffe; #f9fffe;");
+        // A name from the service shows as it is, markup and all.
+        render(R"([{"name":"<b>B</b>"}])");
+        QLabel *markup = withText<QLabel>(dock(), "<b>B</b>");
+        QVERIFY(markup->sizeHint().width() >= markup->fontMetrics().horizontalAdvance("<b>B</b>"));
         const QString select = "POST /api/channels/%1/selection {\"selected\":%2}";
         QCOMPARE(wire(), QStringList(5, "GET /api/channels ")
                              << select.arg("%25205%2525", "true")
