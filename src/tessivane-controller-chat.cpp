@@ -34,18 +34,17 @@ constexpr ProviderLook providerLooks[] = {
     {QLatin1String(), QLatin1String("#34e6bd"), QChar(u'M'), Qt::white},
 };
 
-const ProviderLook &lookOf(const QString &providerKey)
+qsizetype lookIndex(const QString &providerKey)
 {
-    for (const ProviderLook &look : providerLooks) {
-        if (providerKey == look.provider)
-            return look;
+    for (qsizetype i = 0; i + 1 < qsizetype(std::size(providerLooks)); ++i) {
+        if (providerKey == providerLooks[i].provider)
+            return i;
     }
-    return providerLooks[std::size(providerLooks) - 1];
+    return std::size(providerLooks) - 1;
 }
 
-QIcon providerIcon(const QString &providerKey)
+QIcon paintBadge(const ProviderLook &look)
 {
-    const ProviderLook &look = lookOf(providerKey);
     QPixmap pixmap(20, 20);
     pixmap.fill(Qt::transparent);
     QPainter painter(&pixmap);
@@ -130,6 +129,15 @@ QWidget *TessivaneController::buildChatDock()
     return root;
 }
 
+const QIcon &TessivaneController::chatBadge(const QString &providerKey)
+{
+    static_assert(std::size(providerLooks) == std::extent_v<decltype(chatBadges_)>);
+    const qsizetype index = lookIndex(providerKey);
+    if (chatBadges_[index].isNull())
+        chatBadges_[index] = paintBadge(providerLooks[index]);
+    return chatBadges_[index];
+}
+
 void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray &adapters)
 {
     if (!chatList_ || !chatTargetCombo_)
@@ -143,7 +151,7 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
             const QJsonObject message = value.toObject();
             const QString providerUpper = field(message, QLatin1String("provider")).toUpper();
             // One pass, so that a "%1" in a message is shown as typed.
-            auto *item = new QListWidgetItem(providerIcon(providerUpper.toLower()),
+            auto *item = new QListWidgetItem(chatBadge(providerUpper.toLower()),
                                              QStringLiteral("%1 • %2: %3")
                                                  .arg(field(message, QLatin1String("channel")),
                                                       field(message, QLatin1String("author")),

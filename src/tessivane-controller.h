@@ -5,6 +5,7 @@
 
 #include <QElapsedTimer>
 #include <QHash>
+#include <QIcon>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QObject>
@@ -86,6 +87,7 @@ private:
     void showSyncResults(const QJsonArray &syncResults);
     void fillCategories(const QString &provider, const QJsonArray &categories);
     void showChat(const QJsonArray &messages, const QJsonArray &adapters);
+    const QIcon &chatBadge(const QString &providerKey);
 
     TessivaneApi api_;
     QJsonArray channels_;
@@ -135,6 +137,8 @@ private:
     QComboBox *chatTargetCombo_ = nullptr;
     QLineEdit *chatInputEdit_ = nullptr;
     QPushButton *chatSendButton_ = nullptr;
+    // Each platform's badge, painted at its first row and shared by every row after it.
+    QIcon chatBadges_[4];
 
     QTimer *healthTimer_ = nullptr;
     QTimer *pollTimer_ = nullptr;
