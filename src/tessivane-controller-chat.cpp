@@ -3,6 +3,8 @@
 #include "tessivane-controller.h"
 #include "tessivane-widgets.h"
 
+#include <QCborArray>
+#include <QCborMap>
 #include <QComboBox>
 #include <QHBoxLayout>
 #include <QIcon>
@@ -63,10 +65,38 @@ QIcon paintBadge(const ProviderLook &look)
     return QIcon(pixmap);
 }
 
-// What a reply is compared by: an idle poll gives the same text and so touches nothing.
-QString signatureOf(const QJsonArray &array)
+// What a reply is compared by: whether it prints as the same compact JSON as the last one, so
+// that an idle poll leaves the widgets alone. Printing costs more than parsing, so this decides the
+// same without printing where it can. Equal storage (types, bits and code units) prints alike and
+// ends an idle poll at the first line. Otherwise elements that differ in storage are printed one
+// by one, since some print alike (a NaN and null both print as null); a pair of leaves at the top,
+// which no service sends, is left to printing the whole arrays.
+bool sameJson(const QJsonArray &last, const QJsonArray &next)
 {
-    return QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Compact));
+    if (QCborArray::fromJsonArray(last) == QCborArray::fromJsonArray(next))
+        return true;
+    if (last.size() != next.size())
+        return false;
+    const auto text = [](const auto &json) {
+        return QJsonDocument(json).toJson(QJsonDocument::Compact);
+    };
+    for (qsizetype i = 0; i < last.size(); ++i) {
+        const QJsonValue a = last.at(i);
+        const QJsonValue b = next.at(i);
+        if (a.isObject() && b.isObject()) {
+            if (QCborMap::fromJsonObject(a.toObject()) != QCborMap::fromJsonObject(b.toObject()) &&
+                text(a.toObject()) != text(b.toObject()))
+                return false;
+        } else if (a.isArray() && b.isArray()) {
+            if (!sameJson(a.toArray(), b.toArray()))
+                return false;
+        } else if (a.isObject() || a.isArray() || b.isObject() || b.isArray()) {
+            return false;
+        } else {
+            return text(last) == text(next);
+        }
+    }
+    return true;
 }
 
 // Services send ids as text or as numbers; a number keeps only its whole part.
@@ -143,8 +173,8 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
     if (!chatList_ || !chatTargetCombo_)
         return;
 
-    const QString messagesSignature = signatureOf(messages);
-    const bool messagesChanged = messagesSignature != chatMessagesSignature_;
+    const bool messagesChanged =
+        !chatMessagesSignature_ || !sameJson(*chatMessagesSignature_, messages);
     if (messagesChanged) {
         chatList_->clear();
         for (const QJsonValue &value : messages) {
@@ -159,7 +189,7 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
                                              chatList_);
             item->setToolTip(providerUpper);
         }
-        chatMessagesSignature_ = messagesSignature;
+        chatMessagesSignature_ = messages;
     }
 
     int connectedCount = 0;
@@ -173,8 +203,7 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
                 field(adapter, QLatin1String("channel")), field(adapter, QLatin1String("detail"))));
     }
 
-    const QString adaptersSignature = signatureOf(adapters);
-    if (adaptersSignature != chatAdaptersSignature_) {
+    if (!chatAdaptersSignature_ || !sameJson(*chatAdaptersSignature_, adapters)) {
         // The choice is kept by its target, since rows come and go as channels connect.
         const QString chosen = chatTargetCombo_->currentData(Qt::UserRole).toString();
         chatTargetCombo_->setUpdatesEnabled(false);
@@ -203,7 +232,7 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
                                                      Qt::MatchExactly | Qt::MatchCaseSensitive);
         chatTargetCombo_->setCurrentIndex(found < 0 ? 0 : found);
         chatTargetCombo_->setUpdatesEnabled(true);
-        chatAdaptersSignature_ = adaptersSignature;
+        chatAdaptersSignature_ = adapters;
     }
 
     if (messagesChanged && messages.isEmpty())

@@ -12,6 +12,8 @@
 #include <QPointer>
 #include <QString>
 
+#include <optional>
+
 class QComboBox;
 class QFrame;
 class QLabel;
@@ -93,8 +95,9 @@ private:
     QJsonArray channels_;
     QJsonObject account_;
     QHash<QString, QPointer<QWidget>> docks_;
-    QString chatAdaptersSignature_;
-    QString chatMessagesSignature_;
+    // The chat's arrays as last shown; none before the first reply, so that it always counts.
+    std::optional<QJsonArray> chatAdaptersSignature_;
+    std::optional<QJsonArray> chatMessagesSignature_;
     bool initialized_ = false;
     bool ingestConfigured_ = false;
     bool manualUpdateCheck_ = false;
