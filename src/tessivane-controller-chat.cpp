@@ -185,9 +185,10 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
                                              QStringLiteral("%1 • %2: %3")
                                                  .arg(field(message, QLatin1String("channel")),
                                                       field(message, QLatin1String("author")),
-                                                      field(message, QLatin1String("text"))),
-                                             chatList_);
+                                                      field(message, QLatin1String("text"))));
+            // Complete before it joins the list, which then hears of it once.
             item->setToolTip(providerUpper);
+            chatList_->addItem(item);
         }
         chatMessagesSignature_ = messages;
     }
