@@ -5,10 +5,11 @@ development service's --busy-chat: 500 messages, a chat poll every 10 s, health 
 measured beside OBS alone: both run at once on one virtual screen, each with a home of its own,
 the plug-in only in one. After 25 s of settling, over 60 s, it prints each one's UI-thread CPU
 (the main thread's utime+stime, and its run time from schedstat), resident memory, and longest
-UI-thread stall (the stall probe's latest tick), and for the plug-in also the longest stall within
-a second of a chat poll. Each process's /proc smaps at the end stays in the run's folder, to see
-where memory goes. The probe's own ticks cost UI-thread CPU too: --no-probe leaves it out, for the
-CPU alone. Run it inside the root, from a build with the tests:
+UI-thread stall (the stall probe's latest tick), also within a second of a chat poll: OBS alone
+shows there what the machine's own load makes of the same moments. Each process's /proc smaps
+at the end stays in the run's folder, to see where memory goes. The probe's own ticks cost
+UI-thread CPU too: --no-probe leaves it out, for the CPU alone. Run it inside the root, from a
+build with the tests:
 
     scripts/in-root bash -c 'cmake --build build --target tessivane tessivane-dev-service \\
         tessivane-stall-probe && python3 bench/obs-signed-in.py --runs 3 [--no-probe]'
@@ -181,11 +182,13 @@ def run(args, number):
             "stall": max((lateness for _, lateness in late), default=0),
         }
     in_window = [stamp for stamp in polls if begin <= stamp <= end]
-    # A poll's reply is handled right after the service logs it.
-    result["plug-in"]["poll_stall"] = max(
-        (lateness for at, lateness in stalls(work / "plug-in/stalls.txt", begin, end)
-         if any(stamp * 1000 - 100 <= at <= stamp * 1000 + 1000 for stamp in in_window)),
-        default=0)
+    for name in obs:
+        # A poll's reply is handled right after the service logs it. OBS alone, near the same
+        # moments, shows what a busy machine makes of the same span.
+        result[name]["poll_stall"] = max(
+            (lateness for at, lateness in stalls(work / name / "stalls.txt", begin, end)
+             if any(stamp * 1000 - 100 <= at <= stamp * 1000 + 1000 for stamp in in_window)),
+            default=0)
     result["polls"] = len(in_window)
     return result
 
@@ -209,14 +212,14 @@ def main():
     args = parser.parse_args()
     args.build = args.build.resolve()
     print("run  UI-thread CPU % (stat / schedstat)  resident MiB (anonymous)  longest stall ms"
-          "  chat polls  longest stall near a poll ms", flush=True)
+          "  chat polls  longest near a poll ms", flush=True)
     for number in range(1, args.runs + 1):
         result = run(args, number)
         for name in ("alone", "plug-in"):
             r = result[name]
             print(f"{number:3}  {name:8} {r['cpu_stat']:5.2f} / {r['cpu_sched']:5.3f}"
                   f"   {r['rss']:6.1f} ({r['anon']:6.1f})   {r['stall']:4}", end="")
-            print(f"   {result['polls']:2}   {r['poll_stall']:4}" if name == "plug-in" else "")
+            print(f"   {result['polls']:2}   {r['poll_stall']:4}")
         alone, plugin = result["alone"], result["plug-in"]
         print(f"{number:3}  {'+':8} {plugin['cpu_stat'] - alone['cpu_stat']:+5.2f} / "
               f"{plugin['cpu_sched'] - alone['cpu_sched']:+5.3f}   "
