@@ -41,7 +41,7 @@ def read(path):
     return path.read_text(errors="replace") if path.exists() else ""
 
 
-def make_home(home, build, plugin, probe):
+def make_home(home, build, module, probe):
     """Past OBS's first run, a small profile with the preview off (so that software rendering
     weighs little), and the plug-in and the stall probe if asked."""
     config = home / ".config/obs-studio"
@@ -62,11 +62,11 @@ def make_home(home, build, plugin, probe):
         folder = config / "plugins/tessivane-stall-probe/bin/64bit"
         folder.mkdir(parents=True)
         shutil.copy2(build / "tests/real-host/tessivane-stall-probe.so", folder)
-    if plugin:
+    if module:
         folder = config / "plugins/tessivane"
         (folder / "bin/64bit").mkdir(parents=True)
         shutil.copytree(SOURCE / "data", folder / "data")
-        shutil.copy2(build / "tessivane.so", folder / "bin/64bit")
+        shutil.copy2(module, folder / "bin/64bit/tessivane.so")
         (home / ".config/Tessivane").mkdir(parents=True)
 
 
@@ -118,7 +118,7 @@ def run(args, number):
         display = ":" + xvfb.stdout.readline().decode().strip()
         homes = {name: work / name for name in ("alone", "plug-in")}
         for name, home in homes.items():
-            make_home(home, args.build, name == "plug-in", args.probe)
+            make_home(home, args.build, name == "plug-in" and args.module, args.probe)
 
         def start_obs():
             procs = {}
@@ -198,6 +198,8 @@ def main():
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", type=Path, default=SOURCE / "build",
                         help="the build folder with the module, the service and the probe")
+    parser.add_argument("--module", type=Path,
+                        help="the plug-in to measure (default: the build's), e.g. an older build")
     parser.add_argument("--port", type=int, default=18797,
                         help="the port of the service origin the module was built for")
     parser.add_argument("--work", default=SOURCE / "build/obs-signed-in",
@@ -211,6 +213,7 @@ def main():
                         help="save the screen at the end of each run as screen.png")
     args = parser.parse_args()
     args.build = args.build.resolve()
+    args.module = (args.module or args.build / "tessivane.so").resolve()
     print("run  UI-thread CPU % (stat / schedstat)  resident MiB (anonymous)  longest stall ms"
           "  chat polls  longest near a poll ms", flush=True)
     for number in range(1, args.runs + 1):
