@@ -5,11 +5,11 @@ development service's --busy-chat: 500 messages, a chat poll every 10 s, health 
 measured beside OBS alone: both run at once on one virtual screen, each with a home of its own,
 the plug-in only in one. After 25 s of settling, over 60 s, it prints each one's UI-thread CPU
 (the main thread's utime+stime, and its run time from schedstat), resident memory, and longest
-UI-thread stall (the stall probe's latest tick), also within a second of a chat poll: OBS alone
-shows there what the machine's own load makes of the same moments. Each process's /proc smaps
-at the end stays in the run's folder, to see where memory goes. The probe's own ticks cost
-UI-thread CPU too: --no-probe leaves it out, for the CPU alone. Run it inside the root, from a
-build with the tests:
+UI-thread stall (the most the stall probe's timer fired late), also within a second of a chat
+poll, where OBS alone shows what the machine's own load makes of the same moments. Each
+process's /proc smaps at the end stays in the run's folder, to see where memory goes. The
+probe's own ticks cost UI-thread CPU too: --no-probe leaves it out, for the CPU alone. Run it
+inside the root, from a build with the tests:
 
     scripts/in-root bash -c 'cmake --build build --target tessivane tessivane-dev-service \\
         tessivane-stall-probe && python3 bench/obs-signed-in.py --runs 3 [--no-probe]'
