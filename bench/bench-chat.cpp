@@ -13,8 +13,9 @@ class BenchChat : public QObject {
     Q_OBJECT
 
     QByteArray reply_;
-    QJsonArray messages_[2];
-    QJsonArray adapters_[2];
+    // 0 and 1: two polls apart; 2: the first once more, parsed from its own bytes as each poll is.
+    QJsonArray messages_[3];
+    QJsonArray adapters_[3];
     TessivaneController *controller_ = nullptr;
     int next_ = 0; // kept across runs, since QtTest may run a benchmark more than once
 
@@ -70,6 +71,10 @@ private Q_SLOTS:
         dropped.insert(QStringLiteral("connected"), false);
         adapters_[1].replace(2, dropped);
 
+        const QJsonObject again = QJsonDocument::fromJson(reply_).object();
+        messages_[2] = again.value(QStringLiteral("messages")).toArray();
+        adapters_[2] = again.value(QStringLiteral("adapters")).toArray();
+
         hostDouble::reset();
         controller_ = new TessivaneController;
         QVERIFY(controller_->initialize());
@@ -111,7 +116,7 @@ private Q_SLOTS:
         show(0, 0);
         QBENCHMARK
         {
-            show(0, 0);
+            show(2, 2);
         }
     }
 };

@@ -3,6 +3,8 @@
 #include "tessivane-controller.h"
 #include "tessivane-widgets.h"
 
+#include <QCborArray>
+#include <QCborMap>
 #include <QComboBox>
 #include <QHBoxLayout>
 #include <QIcon>
@@ -35,18 +37,17 @@ constexpr ProviderLook providerLooks[] = {
     {QLatin1String(), QLatin1String("#34e6bd"), QChar(u'M'), Qt::white},
 };
 
-const ProviderLook &lookOf(const QString &providerKey)
+qsizetype lookIndex(const QString &providerKey)
 {
-    for (const ProviderLook &look : providerLooks) {
-        if (providerKey == look.provider)
-            return look;
+    for (qsizetype i = 0; i + 1 < qsizetype(std::size(providerLooks)); ++i) {
+        if (providerKey == providerLooks[i].provider)
+            return i;
     }
-    return providerLooks[std::size(providerLooks) - 1];
+    return std::size(providerLooks) - 1;
 }
 
-QIcon providerIcon(const QString &providerKey)
+QIcon paintBadge(const ProviderLook &look)
 {
-    const ProviderLook &look = lookOf(providerKey);
     QPixmap pixmap(20, 20);
     pixmap.fill(Qt::transparent);
     QPainter painter(&pixmap);
@@ -65,10 +66,38 @@ QIcon providerIcon(const QString &providerKey)
     return QIcon(pixmap);
 }
 
-// What a reply is compared by: an idle poll gives the same text and so touches nothing.
-QString signatureOf(const QJsonArray &array)
+// What a reply is compared by: whether it prints as the same compact JSON as the last one, so
+// that an idle poll leaves the widgets alone. Printing costs more than parsing, so this decides the
+// same without printing where it can. Equal storage (types, bits and code units) prints alike and
+// ends an idle poll at the first line. Otherwise elements that differ in storage are printed one
+// by one, since some print alike (a NaN and null both print as null); a pair of leaves at the top,
+// which no service sends, is left to printing the whole arrays.
+bool sameJson(const QJsonArray &last, const QJsonArray &next)
 {
-    return QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Compact));
+    if (QCborArray::fromJsonArray(last) == QCborArray::fromJsonArray(next))
+        return true;
+    if (last.size() != next.size())
+        return false;
+    const auto text = [](const auto &json) {
+        return QJsonDocument(json).toJson(QJsonDocument::Compact);
+    };
+    for (qsizetype i = 0; i < last.size(); ++i) {
+        const QJsonValue a = last.at(i);
+        const QJsonValue b = next.at(i);
+        if (a.isObject() && b.isObject()) {
+            if (QCborMap::fromJsonObject(a.toObject()) != QCborMap::fromJsonObject(b.toObject()) &&
+                text(a.toObject()) != text(b.toObject()))
+                return false;
+        } else if (a.isArray() && b.isArray()) {
+            if (!sameJson(a.toArray(), b.toArray()))
+                return false;
+        } else if (a.isObject() || a.isArray() || b.isObject() || b.isArray()) {
+            return false;
+        } else {
+            return text(last) == text(next);
+        }
+    }
+    return true;
 }
 
 // Services send ids as text or as numbers; a number keeps only its whole part.
@@ -133,31 +162,41 @@ QWidget *TessivaneController::buildChatDock()
     return root;
 }
 
+const QIcon &TessivaneController::chatBadge(const QString &providerKey)
+{
+    static_assert(std::size(providerLooks) == std::extent_v<decltype(chatBadges_)>);
+    const qsizetype index = lookIndex(providerKey);
+    if (chatBadges_[index].isNull())
+        chatBadges_[index] = paintBadge(providerLooks[index]);
+    return chatBadges_[index];
+}
+
 void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray &adapters)
 {
     if (!chatList_ || !chatTargetCombo_)
         return;
 
-    const QString messagesSignature = signatureOf(messages);
-    const bool messagesChanged = messagesSignature != chatMessagesSignature_;
+    const bool messagesChanged =
+        !chatMessagesSignature_ || !sameJson(*chatMessagesSignature_, messages);
     if (messagesChanged) {
         chatList_->clear();
         for (const QJsonValue &value : messages) {
             const QJsonObject message = value.toObject();
             const QString providerUpper = field(message, QLatin1String("provider")).toUpper();
             // One pass, so that a "%1" in a message is shown as typed.
-            auto *item = new QListWidgetItem(providerIcon(providerUpper.toLower()),
+            auto *item = new QListWidgetItem(chatBadge(providerUpper.toLower()),
                                              QStringLiteral("%1 • %2: %3")
                                                  .arg(field(message, QLatin1String("channel")),
                                                       field(message, QLatin1String("author")),
-                                                      field(message, QLatin1String("text"))),
-                                             chatList_);
-            // A tool tip that looks like markup would be shown as such.
+                                                      field(message, QLatin1String("text"))));
+            // Complete before it joins the list, which then hears of it once. A tool tip that
+            // looks like markup would be shown as such.
             item->setToolTip(Qt::mightBeRichText(providerUpper)
                                  ? Qt::convertFromPlainText(providerUpper)
                                  : providerUpper);
+            chatList_->addItem(item);
         }
-        chatMessagesSignature_ = messagesSignature;
+        chatMessagesSignature_ = messages;
     }
 
     int connectedCount = 0;
@@ -171,8 +210,7 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
                 field(adapter, QLatin1String("channel")), field(adapter, QLatin1String("detail"))));
     }
 
-    const QString adaptersSignature = signatureOf(adapters);
-    if (adaptersSignature != chatAdaptersSignature_) {
+    if (!chatAdaptersSignature_ || !sameJson(*chatAdaptersSignature_, adapters)) {
         // The choice is kept by its target, since rows come and go as channels connect.
         const QString chosen = chatTargetCombo_->currentData(Qt::UserRole).toString();
         chatTargetCombo_->setUpdatesEnabled(false);
@@ -201,7 +239,7 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
                                                      Qt::MatchExactly | Qt::MatchCaseSensitive);
         chatTargetCombo_->setCurrentIndex(found < 0 ? 0 : found);
         chatTargetCombo_->setUpdatesEnabled(true);
-        chatAdaptersSignature_ = adaptersSignature;
+        chatAdaptersSignature_ = adapters;
     }
 
     if (messagesChanged && messages.isEmpty())

@@ -5,11 +5,14 @@
 
 #include <QElapsedTimer>
 #include <QHash>
+#include <QIcon>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QObject>
 #include <QPointer>
 #include <QString>
+
+#include <optional>
 
 class QComboBox;
 class QFrame;
@@ -87,13 +90,15 @@ private:
     void showSyncResults(const QJsonArray &syncResults);
     void fillCategories(const QString &provider, const QJsonArray &categories);
     void showChat(const QJsonArray &messages, const QJsonArray &adapters);
+    const QIcon &chatBadge(const QString &providerKey);
 
     TessivaneApi api_;
     QJsonArray channels_;
     QJsonObject account_;
     QHash<QString, QPointer<QWidget>> docks_;
-    QString chatAdaptersSignature_;
-    QString chatMessagesSignature_;
+    // The chat's arrays as last shown; none before the first reply, so that it always counts.
+    std::optional<QJsonArray> chatAdaptersSignature_;
+    std::optional<QJsonArray> chatMessagesSignature_;
     bool initialized_ = false;
     bool ingestConfigured_ = false;
     bool manualUpdateCheck_ = false;
@@ -136,6 +141,8 @@ private:
     QComboBox *chatTargetCombo_ = nullptr;
     QLineEdit *chatInputEdit_ = nullptr;
     QPushButton *chatSendButton_ = nullptr;
+    // Each platform's badge, painted at its first row and shared by every row after it.
+    QIcon chatBadges_[4];
 
     QTimer *healthTimer_ = nullptr;
     QTimer *pollTimer_ = nullptr;

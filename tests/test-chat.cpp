@@ -46,6 +46,8 @@ private Q_SLOTS:
             R"([{"provider":"YouTube","channel":"C","author":"A","text":"%2 %1"},
             {"provider":"twitch","author":"B"}, {"provider":"KICK"}, {"provider":"facebook"}, 4)" +
             QByteArray(",5").repeated(55) + "]";
+        // Badges are painted once per platform: these come first, out of the table's order.
+        reply(R"([{"provider":"kick"},{"provider":"Instagram"}])", "[]");
         reply(feed, "[]");
         QCOMPARE(rows().mid(0, 5),
                  QStringList({"C • A: %2 %1", " • B: ", " • : ", " • : ", " • : "}));
@@ -88,6 +90,50 @@ private Q_SLOTS:
             QCOMPARE(in<QLineEdit>()->isEnabled(), step[1] == up);
             QCOMPARE(in<QPushButton>()->isEnabled(), step[1] == up);
         }
+    }
+
+    // A reply counts as changed exactly when it prints as other compact JSON than the last one:
+    // then both the list and the box are built anew and lose a mark left in them.
+    void aReplyIsNewExactlyWhenItsCompactJsonDiffers_data()
+    {
+        QTest::addColumn<QJsonArray>("last");
+        QTest::addColumn<QJsonArray>("next");
+        QTest::addColumn<bool>("changed");
+        const auto json = [](const char *text) {
+            return QJsonDocument::fromJson(text).array();
+        };
+        QTest::newRow("first reply") << QJsonArray() << QJsonArray() << true;
+        QTest::newRow("order of keys, blanks, a repeated key")
+            << json(R"([{"b":1,"a":[2,{}],"a":0}])") << json(R"([ {"a":0, "b":1} ])") << false;
+        QTest::newRow("1 and 1.0, -0 and 0") << json("[[1,-0]]") << json("[[1.0,0]]") << false;
+        // Both print as null; no service sends a NaN, but the handler takes any array.
+        const QJsonValue nan(qQNaN()), null;
+        QTest::newRow("NaN and null")
+            << QJsonArray{QJsonObject{{"a", nan}}, QJsonArray{nan}, nan}
+            << QJsonArray{QJsonObject{{"a", null}}, QJsonArray{null}, null} << false;
+        QTest::newRow("beyond 64 bits") << json("[{\"id\":9223372036854775807}]")
+                                        << json("[{\"id\":9223372036854775808}]") << true;
+        QTest::newRow("beyond 53 bits")
+            << json("[[9007199254740993]]") << json("[[9007199254740992]]") << true;
+        QTest::newRow("lone surrogates")
+            << json(R"([{"a":"\ud800"}])") << json(R"([{"a":"\udbff"}])") << true;
+        QTest::newRow("null and no key") << json(R"([{"a":null}])") << json("[{}]") << true;
+        QTest::newRow("true, 1 and \"1\"") << json("[[true,1]]") << json(R"([[1,"1"]])") << true;
+    }
+
+    void aReplyIsNewExactlyWhenItsCompactJsonDiffers()
+    {
+        QFETCH(QJsonArray, last);
+        QFETCH(QJsonArray, next);
+        QFETCH(bool, changed);
+        QVERIFY(start());
+        if (QByteArray(QTest::currentDataTag()) != "first reply")
+            Q_EMIT api().chatLoaded(last, last);
+        in<QListWidget>()->addItem("mark");
+        in<QComboBox>()->addItem("mark");
+        Q_EMIT api().chatLoaded(next, next);
+        QCOMPARE(rows().contains("mark"), !changed);
+        QCOMPARE(rows(true).contains("mark = "), !changed);
     }
 
     void targetRowsFollowTheConnectedAdaptersAndKeepTheChoice()
