@@ -9,6 +9,8 @@
 
 namespace {
 
+using StatusCode = QHttpServerResponse::StatusCode;
+
 bool onInterface(const QHttpServerRequest &request)
 {
     return request.url().path().startsWith(QLatin1StringView("/api/"));
@@ -53,6 +55,13 @@ void DevService::routeFaults()
         this, [this](const QHttpServerRequest &request, QHttpServerResponse &response) {
             if (fault_ == Fault::Garbage && onInterface(request))
                 response = garbage();
+            if (fault_ == Fault::Redirect && onInterface(request)) {
+                response = QHttpServerResponse(StatusCode::TemporaryRedirect);
+                QHttpHeaders headers;
+                headers.append(QHttpHeaders::WellKnownHeader::Location,
+                               redirectTo_.toUtf8() + request.url().path().toUtf8());
+                response.setHeaders(std::move(headers));
+            }
         });
 
     handle(QStringLiteral("/dev/fault"), Method::Post, [this](const QHttpServerRequest &request) {
@@ -61,7 +70,8 @@ void DevService::routeFaults()
         const QString fault = body.value(QStringLiteral("fault")).toString();
         if (!setFault(fault))
             return errorResponse(QHttpServerResponse::StatusCode::BadRequest,
-                                 QStringLiteral("\"fault\" is none, stall or garbage."));
+                                 QStringLiteral("\"fault\" is none, stall, garbage or redirect."));
+        redirectTo_ = body.value(QStringLiteral("to")).toString();
         return QHttpServerResponse(QJsonObject{{QStringLiteral("fault"), fault}});
     });
 }
@@ -70,7 +80,8 @@ bool DevService::setFault(const QString &name)
 {
     static const QHash<QString, Fault> faults = {{QStringLiteral("none"), Fault::None},
                                                  {QStringLiteral("stall"), Fault::Stall},
-                                                 {QStringLiteral("garbage"), Fault::Garbage}};
+                                                 {QStringLiteral("garbage"), Fault::Garbage},
+                                                 {QStringLiteral("redirect"), Fault::Redirect}};
     const auto fault = faults.constFind(name);
     if (fault == faults.constEnd())
         return false;

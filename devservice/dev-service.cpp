@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QHttpHeaders>
 #include <QHttpServerResponder>
+#include <QHttpServerRouterRule>
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QLoggingCategory>
@@ -24,6 +25,21 @@ using StatusCode = QHttpServerResponse::StatusCode;
 
 // Bodies on this interface are a few hundred bytes; anything far beyond is refused unparsed.
 constexpr qsizetype maxBodyBytes = 64 * 1024;
+
+// Stands before every route and takes what no client of this interface sends: another host
+// name, as from a web page that points a name of its own at 127.0.0.1, a body beyond any of
+// ours, or a body that is not JSON.
+class GuardRule : public QHttpServerRouterRule {
+public:
+    using QHttpServerRouterRule::QHttpServerRouterRule;
+    std::function<QString(const QHttpServerRequest &)> refusal;
+
+protected:
+    bool matches(const QHttpServerRequest &request, QRegularExpressionMatch *) const override
+    {
+        return !refusal(request).isEmpty();
+    }
+};
 
 QHttpServerResponse unauthorized(const QString &message)
 {
@@ -88,9 +104,32 @@ QString DevService::readObjectBody(const QHttpServerRequest &request, QJsonObjec
     return {};
 }
 
+QString DevService::refusal(const QHttpServerRequest &request) const
+{
+    const QByteArray host = request.value("Host");
+    const QByteArray port = ':' + QByteArray::number(this->port());
+    if (host != "127.0.0.1" + port && host != "localhost" + port)
+        return QStringLiteral("This service answers only to 127.0.0.1%1.").arg(port);
+    if (request.body().size() > maxBodyBytes)
+        return QStringLiteral("The request body is too large.");
+    if (!request.body().isEmpty() &&
+        !request.value("Content-Type").toLower().startsWith("application/json"))
+        return QStringLiteral("The request body must be JSON.");
+    return {};
+}
+
 DevService::DevService(QObject *parent) : QObject(parent)
 {
-    // First of all, so that a stall stands before every other route.
+    GuardRule *guard = http_.route<GuardRule>(
+        QStringLiteral("/"), Method::AnyKnown, this,
+        [this](const QHttpServerRequest &request, QHttpServerResponder &responder) {
+            logRequest(request, "refused");
+            responder.sendResponse(errorResponse(StatusCode::BadRequest, refusal(request)));
+        });
+    guard->refusal = [this](const QHttpServerRequest &request) {
+        return refusal(request);
+    };
+    // Then the faults, so that a stall stands before every other route.
     routeFaults();
 
     accounts_.append({QStringLiteral("usr_demo"), QStringLiteral("demo@tessivane.dev"),
@@ -260,9 +299,6 @@ void DevService::handle(const QString &path, Method method, Handler handler)
                         response.setHeaders(std::move(headers));
                         return response;
                     }
-                    if (request.body().size() > maxBodyBytes)
-                        return errorResponse(StatusCode::PayloadTooLarge,
-                                             QStringLiteral("The request body is too large."));
                     return handler(request);
                 });
 }

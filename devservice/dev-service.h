@@ -86,6 +86,8 @@ private:
 
     // One routing function per area of the interface, each in a file of its own but the first
     // two.
+    // Why a request is turned away before any route, or nothing.
+    QString refusal(const QHttpServerRequest &request) const;
     void routeFaults();
     void routeAuth();
     void routeAccount();
@@ -140,8 +142,9 @@ private:
     bool plain_ = false;
     quint16 ingestPort_ = 1935;
     QSet<QString> streaming_; // ids of the accounts whose stream is on, as the plug-in said
-    enum class Fault { None, Stall, Garbage };
+    enum class Fault { None, Stall, Garbage, Redirect };
     Fault fault_ = Fault::None;
+    QString redirectTo_; // the origin that the fault "redirect" sends requests to
     // The requests held by a stall; they go before the server that reads them.
     std::vector<QHttpServerResponder> held_;
 };

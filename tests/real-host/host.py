@@ -151,12 +151,13 @@ class Host(Session):
               f"the development service runs: {line}")
         check(self.start_ingest(), f"the RTMP server takes connections on {self.rtmp_port}")
 
-    def ask_service(self, path, token=None, body=None):
+    def ask_service(self, path, token=None, body=None, **headers):
         """Status and JSON body of a GET to the development service, as a client of its own, or
         of a POST with a body."""
         request = urllib.request.Request(
             f"https://127.0.0.1:{self.port}{path}", data=body and json.dumps(body).encode(),
-            headers=dict(Authorization=f"Bearer {token}") if token else {})
+            headers={"Content-Type": "application/json", **headers,
+                     **({"Authorization": f"Bearer {token}"} if token else {})})
         try:
             with urllib.request.urlopen(request, context=self.ca, timeout=10) as reply:
                 return reply.status, json.load(reply)

@@ -10,13 +10,13 @@ from host import check
 
 def secrets_in_place(host, signed_in):
     service = host.profile / "service.json"
-    # OBS saves its streaming service with a backup of the one it replaces, so the key of the
-    # service replaced at sign-out stays in service.json.bak until OBS saves the service again.
+    # OBS keeps the streaming service it replaces in a backup; after sign-out that too must hold
+    # no key.
     backup = service.with_suffix(".json.bak")
     places = {"password": (PASSWORD, set(), set()),  # (secret, where it must be, may be)
               "session token": (host.token, {host.settings} if signed_in else set(), set()),
               "stream key": (host.ingest["streamKey"], {service} if signed_in else set(),
-                             {backup})}
+                             {backup} if signed_in else set())}
     files = [path for path in host.run.rglob("*") if path.is_file()]
     for name, (secret, needed, allowed) in places.items():
         found = {path for path in files if secret.encode() in path.read_bytes()}
