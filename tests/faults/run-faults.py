@@ -8,8 +8,9 @@ code back, and tells which test caught each fault: one that fails, times out or 
 Stages, each for what the ones before missed: unit (the plain build's unit tests), sanitize (the
 same under ASan, UBSan and LSan), real-host (the test in a real OBS, and the only stage of the
 faults marked real-host). A stage runs first the test that caught the fault last time, or the one
-named after its file, then the rest up to the first failure. Equivalent faults run only when
---only names them. Builds: build-faults and build-faults-asan."""
+named after its file, then the rest up to the first failure. A test that fails once but passes
+when run again is a flake, not a catch. Equivalent faults run only when --only names them.
+Builds: build-faults and build-faults-asan."""
 
 import argparse
 import os
@@ -97,18 +98,21 @@ def seed(fault, stages, tests, log):
         stem = Path(fault["path"]).stem.replace("tessivane-", "").replace("controller-", "")
         catcher = recorded[2] if recorded[:2] == ["caught", stage] else \
             "test-" + OWN_TEST.get(stem, stem)
+        # A unit test's executable is a target of its own name, built alone when it runs alone.
+        alone = lambda test: [test] if test.startswith("test-") else targets
         runs = []
         if catcher in tests[stage] and len(tests[stage]) > 1:
-            # A unit test's executable is a target of its own name: build that one alone first.
-            runs.append(([catcher] if catcher.startswith("test-") else targets,
-                         select(f"^{catcher}$", "")))
+            runs.append((alone(catcher), select(f"^{catcher}$", "")))
             exclude = "|".join(filter(None, [exclude, f"^{catcher}$"]))
         runs.append((targets, select(include, exclude)))
         for build_targets, selection in runs:
             if run(["cmake", "--build", str(folder), "--target", *build_targets], log, 3600) != 0:
                 return "no-build", stage, ""
             if failed := ctest(folder, selection, log):
-                return "caught", stage, failed[0]
+                # One failure may be the load's: a catch is a test that fails once more.
+                steady = failed[0] not in tests[stage] or ctest(folder, select(
+                    f"^{failed[0]}$", ""), log)
+                return "caught" if steady else "flaky", stage, failed[0]
     return "missed", "", ""
 
 
