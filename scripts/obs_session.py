@@ -5,7 +5,7 @@ the development service, the RTMP server its ingest points at, and OBS trusting 
 CA. scripts/run uses it with the streamer's own home; the real-host test with a home of its own.
 
     obs_session.py --dev-service BINARY --port N [--rtmp-port N] --logs DIR [--release KIND]
-                   [-- OBS ARGUMENTS]"""
+                   [--user UID:GID] [-- OBS ARGUMENTS]"""
 
 import argparse
 import contextlib
@@ -24,14 +24,21 @@ SOURCE = Path(__file__).resolve().parents[1]
 
 
 class Session:
-    def __init__(self, logs, port, rtmp_port=1935):
+    def __init__(self, logs, port, rtmp_port=1935, user=None):
+        """With user, a "UID:GID", the children run as that user: only the mount that makes OBS
+        trust the development CA needs root."""
         self.logs, self.port, self.rtmp_port = Path(logs), port, rtmp_port
         self.procs, self.service = [], None
+        self.as_user = [SOURCE / "scripts/as-user", *user.split(":")] if user else []
         self.logs.mkdir(parents=True, exist_ok=True)
+        if user:
+            os.chown(self.logs, *map(int, user.split(":")))
 
     def start(self, name, argv, env=None, stdout=None, log=True):
         """Starts a child in a process group of its own, which dies with this process. Its
         output goes to LOGS/NAME.log, unless log is false."""
+        if argv[0] != SOURCE / "devservice/with-dev-ca":
+            argv = [*self.as_user, *argv]
         with open(self.logs / f"{name}.log", "ab") as file:
             out = file if log else None
             proc = subprocess.Popen([str(arg) for arg in argv], env=env, stdin=subprocess.DEVNULL,
@@ -85,7 +92,8 @@ class Session:
 
     def start_obs(self, *args, env=None, log=True):
         # with-dev-ca execs OBS, which keeps the pid.
-        return self.start("obs", [SOURCE / "devservice/with-dev-ca", "obs", *args], env, log=log)
+        return self.start("obs", [SOURCE / "devservice/with-dev-ca", *self.as_user, "obs", *args],
+                          env, log=log)
 
 
 def main():
@@ -96,12 +104,13 @@ def main():
     parser.add_argument("--rtmp-port", type=int, default=1935,
                         help="port of the RTMP server the ingest points at (default 1935)")
     parser.add_argument("--logs", required=True, help="folder for the services' logs")
+    parser.add_argument("--user", help="UID:GID that OBS and the services run as")
     parser.add_argument("--release", default="current",
                         help="what the service's release endpoint offers (devservice/README.md)")
     parser.add_argument("obs_args", nargs="*", help="passed on to OBS")
     args = parser.parse_args()
     sys.stdout.reconfigure(line_buffering=True)
-    session = Session(args.logs, args.port, args.rtmp_port)
+    session = Session(args.logs, args.port, args.rtmp_port, args.user)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     try:
         if ingest := session.start_ingest():
