@@ -29,10 +29,15 @@ class Session:
         trust the development CA needs root."""
         self.logs, self.port, self.rtmp_port = Path(logs), port, rtmp_port
         self.procs, self.service = [], None
+        self.user = tuple(map(int, user.split(":"))) if user else None
         self.as_user = [SOURCE / "scripts/as-user", *user.split(":")] if user else []
         self.logs.mkdir(parents=True, exist_ok=True)
-        if user:
-            os.chown(self.logs, *map(int, user.split(":")))
+        self.own(self.logs)
+
+    def own(self, path):
+        """Gives what the session made to the user its children run as."""
+        if self.user:
+            os.chown(path, *self.user)
 
     def start(self, name, argv, env=None, stdout=None, log=True):
         """Starts a child in a process group of its own, which dies with this process. Its
@@ -40,6 +45,7 @@ class Session:
         if argv[0] != SOURCE / "devservice/with-dev-ca":
             argv = [*self.as_user, *argv]
         with open(self.logs / f"{name}.log", "ab") as file:
+            self.own(file.name)
             out = file if log else None
             proc = subprocess.Popen([str(arg) for arg in argv], env=env, stdin=subprocess.DEVNULL,
                                     stdout=stdout or out, stderr=out, start_new_session=True,
@@ -77,9 +83,11 @@ class Session:
         or an empty one."""
         folder = (self.logs / "rtmp").resolve()  # nginx reads relative paths from its prefix
         folder.mkdir(exist_ok=True)
+        self.own(folder)
         config = folder / "nginx.conf"
         config.write_text((SOURCE / "devservice/rtmp/nginx.conf").read_text()
                           .replace("@PORT@", str(self.rtmp_port)).replace("@DIR@", str(folder)))
+        self.own(config)
         proc = self.start("rtmp", [shutil.which("nginx") or "/usr/sbin/nginx", "-p", folder,
                                    "-e", folder / "error.log", "-c", config])
         deadline = time.monotonic() + 10
