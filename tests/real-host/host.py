@@ -76,14 +76,17 @@ class Host(Session):
         self.ca = ssl.create_default_context(cafile=SOURCE / "devservice/certs/dev-ca.pem")
 
     def prepare(self):
-        """A private home with the module in OBS's per-user plug-in folder, and the service."""
+        """A private home with the module in OBS's per-user plug-in folder, unless a package
+        installed it, and the service."""
         plugin = self.obs_config / "plugins/tessivane"
-        (plugin / "bin/64bit").mkdir(parents=True)
+        self.obs_config.mkdir(parents=True)
         # With the first run behind OBS the auto-configuration wizard stays away. A scene with a
         # colour source and a small, light profile let a stream start cleanly on a virtual screen.
-        (self.obs_config / "global.ini").write_text(
-            "[General]\nFirstRun=true\n[Basic]\nProfile=Tessivane\nProfileDir=Tessivane\n"
-            "SceneCollection=Tessivane\nSceneCollectionFile=Tessivane\n")
+        # OBS 31 and later read these from user.ini, the ones before from global.ini.
+        for name in ("global.ini", "user.ini"):
+            (self.obs_config / name).write_text(
+                "[General]\nFirstRun=true\n[Basic]\nProfile=Tessivane\nProfileDir=Tessivane\n"
+                "SceneCollection=Tessivane\nSceneCollectionFile=Tessivane\n")
         self.profile = self.obs_config / "basic/profiles/Tessivane"
         self.profile.mkdir(parents=True)
         (self.profile / "basic.ini").write_text(
@@ -98,8 +101,10 @@ class Host(Session):
                  "settings": {"id_counter": 1, "items": [{"name": "Colour", "id": 1}]}},
                 {"id": "color_source", "versioned_id": "color_source_v3", "name": "Colour",
                  "settings": {"color": 4283215696, "width": 640, "height": 360}}]}))
-        shutil.copytree(SOURCE / "data", plugin / "data")
-        shutil.copy2(self.args.module, plugin / "bin/64bit/tessivane.so")
+        if not self.args.installed:
+            (plugin / "bin/64bit").mkdir(parents=True)
+            shutil.copytree(SOURCE / "data", plugin / "data")
+            shutil.copy2(self.args.module, plugin / "bin/64bit/tessivane.so")
         probe = self.obs_config / "plugins/tessivane-stall-probe/bin/64bit"
         probe.mkdir(parents=True)
         shutil.copy2(self.args.probe, probe)
@@ -158,7 +163,8 @@ class Host(Session):
                     if node.getRoleName() == "frame" and node.name.startswith("OBS "))
 
     def dock(self, title):
-        return next(iter(find(self.window(), "frame", title)), None)
+        # Qt 6.8 shows a dock on the bus as a frame, Qt 6.11 as a panel.
+        return next(iter(find(self.window(), ("frame", "panel"), title)), None)
 
     def shown(self, role, name=None, dock=DOCKS[0]):
         # A dock that OBS is still placing has no frame on the bus for a moment.

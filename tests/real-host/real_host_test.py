@@ -7,6 +7,7 @@ does."""
 import argparse
 import contextlib
 import sys
+from pathlib import Path
 
 import account
 import channels
@@ -17,12 +18,15 @@ import layout
 import leaks
 import stream_info
 import updates
-from host import Host, find
+from host import Host, check, find, read
 
 
 def run(host):
     host.prepare()
     host.start_obs()
+    if host.args.installed:
+        check(host.args.installed in read(Path(f"/proc/{host.obs.pid}/maps")),
+              f"OBS loaded the module from {host.args.installed}")
     account.sign_in(host)
     channels.run(host)
     stream_info.run(host)
@@ -41,7 +45,9 @@ def run(host):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--module", required=True, help="the built tessivane.so")
+    module = parser.add_mutually_exclusive_group(required=True)
+    module.add_argument("--module", help="the built tessivane.so, for OBS's per-user folder")
+    module.add_argument("--installed", help="the tessivane.so a package installed for OBS")
     parser.add_argument("--dev-service", required=True, help="the tessivane-dev-service binary")
     parser.add_argument("--probe", required=True, help="the built tessivane-stall-probe.so")
     parser.add_argument("--port", type=int, required=True, help="port of the service origin")
