@@ -45,9 +45,17 @@ def wait_for(what, probe, timeout=20):
 
 
 def find(root, role, name=None):
-    # A role "text" takes password fields too.
-    return pyatspi.findAllDescendants(root, lambda node: node.getRoleName().endswith(role)
-                                      and name in (None, node.name))
+    # A role "text" takes password fields too. A node that goes while the tree is walked (a list
+    # that a poll rebuilds) reads as None, and is passed over.
+    def walk(node):
+        if node is None:
+            return
+        for child in node:
+            with contextlib.suppress(Exception):
+                if child.getRoleName().endswith(role) and name in (None, child.name):
+                    yield child
+            yield from walk(child)
+    return list(walk(root))
 
 
 def showing(node):

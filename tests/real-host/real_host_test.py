@@ -7,6 +7,7 @@ does."""
 import argparse
 import contextlib
 import sys
+import traceback
 from pathlib import Path
 
 import account
@@ -59,6 +60,7 @@ def main():
         return 0
     except Exception as failure:
         print(f"FAIL: {failure!r}; logs in {host.run}")
+        traceback.print_exc(file=sys.stdout)
         with contextlib.suppress(Exception):  # the failure is reported already
             (host.run / "accessibility-tree.txt").write_text("".join(
                 f"[{node.getRoleName()}] {node.name!r}\n" for node in find(host.app, "")))
