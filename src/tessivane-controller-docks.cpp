@@ -13,10 +13,13 @@
 #include <QScrollBar>
 #include <QVBoxLayout>
 
+#include <obs-config.h>
 #include <obs-frontend-api.h>
 #include <util/config-file.h>
 
+#if LIBOBS_API_MAJOR_VER < 31
 #include <dlfcn.h>
+#endif
 
 namespace {
 // Holds a panel's content. The dock around it may grow shorter than the content, down to a line
@@ -296,12 +299,17 @@ void TessivaneController::restoreDockLayout()
 {
     // OBS restores its saved layout before a plug-in can add its docks, which then stand hidden
     // and floating; applying the same saved state again puts them where the streamer left them.
-    // OBS 31 keeps it in the user configuration, through a function that OBS 30 lacks: looked up
-    // at run time, so that one build serves both.
+    // OBS 31 keeps it in the user configuration, through a function that OBS 30 lacks.
+#if LIBOBS_API_MAJOR_VER >= 31
+    // A build against OBS 31 or later loads only into such a host.
+    config_t *config = obs_frontend_get_user_config();
+#else
+    // Looked up at run time, so that a build against OBS 30 serves the later ones too.
     using ConfigGetter = config_t *(*)();
     const auto userConfig =
         reinterpret_cast<ConfigGetter>(dlsym(RTLD_DEFAULT, "obs_frontend_get_user_config"));
     config_t *config = userConfig ? userConfig() : obs_frontend_get_global_config();
+#endif
     const char *state = config ? config_get_string(config, "BasicWindow", "DockState") : nullptr;
     if (!state || !*state)
         return;

@@ -2,6 +2,8 @@
 // The controller's start and stop, dock hosting, and where failures are shown.
 #include "fixture.h"
 
+#include <obs-config.h>
+
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
@@ -16,8 +18,9 @@ const QStringList titles = {"Tessivane Account", "Tessivane Channels",
                             "Tessivane Stream Information", "Tessivane Stream Health",
                             "Tessivane Chat"};
 
+// A build against OBS 31 or later reads the user configuration whatever the host double exports.
 #ifndef HOST_OBS31
-#define HOST_OBS31 false
+#define HOST_OBS31 (LIBOBS_API_MAJOR_VER >= 31)
 #endif
 
 QList<int> activeTimers(const QObject &owner)

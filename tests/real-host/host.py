@@ -59,12 +59,17 @@ def wait_for(what, probe, timeout=30):
 
 
 def find(root, role, name=None):
-    # A role "text" takes password fields too. A node that vanishes meanwhile finds nothing.
-    try:
-        return pyatspi.findAllDescendants(root, lambda node: node.getRoleName().endswith(role)
-                                          and name in (None, node.name))
-    except Exception:
-        return []
+    # A role "text" takes password fields too. A node that goes while the tree is walked (a list
+    # that a poll rebuilds) reads as None, and is passed over.
+    def walk(node):
+        if node is None:
+            return
+        for child in node:
+            with contextlib.suppress(Exception):
+                if child.getRoleName().endswith(role) and name in (None, child.name):
+                    yield child
+            yield from walk(child)
+    return list(walk(root))
 
 
 def showing(node):
@@ -108,14 +113,17 @@ class Host(Session):
         self.ca = ssl.create_default_context(cafile=SOURCE / "devservice/certs/dev-ca.pem")
 
     def prepare(self):
-        """A private home with the module in OBS's per-user plug-in folder, and the service."""
+        """A private home with the module in OBS's per-user plug-in folder, unless a package
+        installed it, and the service."""
         plugin = self.obs_config / "plugins/tessivane"
-        (plugin / "bin/64bit").mkdir(parents=True)
+        self.obs_config.mkdir(parents=True)
         # With the first run behind OBS the auto-configuration wizard stays away. A scene with a
         # colour source and a small, light profile let a stream start cleanly on a virtual screen.
-        (self.obs_config / "global.ini").write_text(
-            "[General]\nFirstRun=true\n[Basic]\nProfile=Tessivane\nProfileDir=Tessivane\n"
-            "SceneCollection=Tessivane\nSceneCollectionFile=Tessivane\n")
+        # OBS 31 and later read these from user.ini, the ones before from global.ini.
+        for name in ("global.ini", "user.ini"):
+            (self.obs_config / name).write_text(
+                "[General]\nFirstRun=true\n[Basic]\nProfile=Tessivane\nProfileDir=Tessivane\n"
+                "SceneCollection=Tessivane\nSceneCollectionFile=Tessivane\n")
         self.profile = self.obs_config / "basic/profiles/Tessivane"
         self.profile.mkdir(parents=True)
         (self.profile / "basic.ini").write_text(
@@ -130,8 +138,10 @@ class Host(Session):
                  "settings": {"id_counter": 1, "items": [{"name": "Colour", "id": 1}]}},
                 {"id": "color_source", "versioned_id": "color_source_v3", "name": "Colour",
                  "settings": {"color": 4283215696, "width": 640, "height": 360}}]}))
-        shutil.copytree(SOURCE / "data", plugin / "data")
-        shutil.copy2(self.args.module, plugin / "bin/64bit/tessivane.so")
+        if not self.args.installed:
+            (plugin / "bin/64bit").mkdir(parents=True)
+            shutil.copytree(SOURCE / "data", plugin / "data")
+            shutil.copy2(self.args.module, plugin / "bin/64bit/tessivane.so")
         probe = self.obs_config / "plugins/tessivane-stall-probe/bin/64bit"
         probe.mkdir(parents=True)
         shutil.copy2(self.args.probe, probe)

@@ -7,6 +7,8 @@ does."""
 import argparse
 import contextlib
 import sys
+import traceback
+from pathlib import Path
 
 import account
 import channels
@@ -22,6 +24,9 @@ from host import Host, check, find, read
 def run(host):
     host.prepare()
     host.start_obs()
+    if host.args.installed:
+        check(host.args.installed in read(Path(f"/proc/{host.obs.pid}/maps")),
+              f"OBS loaded the module from {host.args.installed}")
     account.sign_in(host)
     channels.run(host)
     stream_info.run(host)
@@ -43,7 +48,9 @@ def run(host):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--module", required=True, help="the built tessivane.so")
+    module = parser.add_mutually_exclusive_group(required=True)
+    module.add_argument("--module", help="the built tessivane.so, for OBS's per-user folder")
+    module.add_argument("--installed", help="the tessivane.so a package installed for OBS")
     parser.add_argument("--dev-service", required=True, help="the tessivane-dev-service binary")
     parser.add_argument("--probe", required=True, help="the built tessivane-stall-probe.so")
     parser.add_argument("--port", type=int, required=True, help="port of the service origin")
@@ -55,6 +62,7 @@ def main():
         return 0
     except Exception as failure:
         print(f"FAIL: {failure!r}; logs in {host.run}")
+        traceback.print_exc(file=sys.stdout)
         with contextlib.suppress(Exception):  # the failure is reported already
             (host.run / "accessibility-tree.txt").write_text("".join(
                 f"[{node.getRoleName()}] {node.name!r}\n" for node in find(host.app, "")))
