@@ -107,8 +107,8 @@ void writeSettings(const std::function<void(QSettings &)> &write)
     QSettings settings(settingsOrganization, settingsApplication);
     const QString file = settings.fileName();
     QDir().mkpath(QFileInfo(file).path());
-    QFile(file).open(QIODevice::Append);
-    QFile::setPermissions(file, QFile::ReadOwner | QFile::WriteOwner);
+    if (QFile made(file); made.open(QIODevice::Append))
+        made.setPermissions(QFile::ReadOwner | QFile::WriteOwner);
     write(settings);
 }
 } // namespace
