@@ -7,24 +7,17 @@
 #include <QSignalSpy>
 
 namespace {
-QJsonObject object(const QByteArray &json)
-{
-    return QJsonDocument::fromJson(json).object();
-}
-
 // A signal's argument as compact JSON, or as text.
 QString describe(const QVariant &value)
 {
-    if (value.metaType() == QMetaType::fromType<QJsonObject>())
-        return QString::fromUtf8(
-            QJsonDocument(value.toJsonObject()).toJson(QJsonDocument::Compact));
-    if (value.metaType() == QMetaType::fromType<QJsonArray>())
-        return QString::fromUtf8(QJsonDocument(value.toJsonArray()).toJson(QJsonDocument::Compact));
+    const QJsonValue json = QJsonValue::fromVariant(value);
+    if (json.isObject() || json.isArray())
+        return QJsonDocument(QJsonArray{json}).toJson(QJsonDocument::Compact).mid(1).chopped(1);
     return value.toString();
 }
 
 // Every endpoint: how it is called, what reaches the wire, and what a reply turns into (with
-// every target answered by `reply`, follow-up requests included).
+// every target answered by `reply`, follow-up requests included), and the session after it.
 struct Endpoint {
     const char *tag;
     std::function<void(TessivaneApi &)> call;
@@ -38,10 +31,17 @@ const std::vector<Endpoint> &endpoints()
     static const std::vector<Endpoint> table = {
         {"login", [](A &api) { api.login(" \tuser@x  ", "  pa ss  "); },
          "POST", "/api/auth/login", R"({"email":"user@x","password":"  pa ss  "})", "Sign in",
-         R"({"sessionToken":"t","user":{"id":1}})", {R"(signedIn {"id":1} t)"}},
+         R"({"sessionToken":" t ","user":{"id":1}})", {R"(signedIn {"id":1}  t )", "token t"}},
+        {"sign-in with a blank token", [](A &api) { api.login("a", "b"); },
+         "POST", "/api/auth/login", R"({"email":"a","password":"b"})", "Sign in",
+         R"({"sessionToken":"  "})", {"signedIn {}   ", "token "}},
+        {"sign-in without a token", [](A &api) { api.login("a", "b"); },
+         "POST", "/api/auth/login", R"({"email":"a","password":"b"})", "Sign in",
+         R"({"user":{"id":1}})",
+         {"requestFailed Sign in The account response did not include a session."}},
         {"logout", [](A &api) { api.logout(); },
          "POST", "/api/auth/logout", "{}", "Sign out",
-         "{}", {"signedOut"}},
+         R"({"ok":false,"error":"ignored"})", {"signedOut", "token "}},
         {"account", [](A &api) { api.fetchAccount(); },
          "GET", "/api/me", "", "Load account",
          R"({"user":{"id":1}})", {R"(accountLoaded {"id":1})"}},
@@ -88,18 +88,12 @@ const std::vector<Endpoint> &endpoints()
          "GET", "/api/categories%3Fprovider=twitch&q=just%2520chatting", "",
          "Search  Twitch  categories",
          R"({"categories":[1]})", {"categoriesLoaded  twitch  [1]"}},
-        {"categories, escaped", [](A &api) { api.fetchCategories("kick", "a&b?c%d"); },
-         "GET", "/api/categories%3Fprovider=kick&q=a%2526b%3Fc%2525d", "", "Search kick categories",
-         "{}", {"categoriesLoaded kick []"}},
         {"live stats", [](A &api) { api.fetchLiveStats(); },
          "GET", "/api/live/stats", "", "Load platform status",
          R"({"stats":[1],"platforms":[1,2]})", {"liveStatsLoaded [1]"}},
         {"live platforms", [](A &api) { api.fetchLiveStats(); },
          "GET", "/api/live/stats", "", "Load platform status",
          R"({"stats":[],"platforms":[2]})", {"liveStatsLoaded [2]"}},
-        {"stream started", [](A &api) { api.setStreamActive(true); },
-         "POST", "/api/stream/state", R"({"active":true})", "Start stream session",
-         "{}", {"channelsLoaded [] {}", "liveStatsLoaded []"}},
         {"stream stopped", [](A &api) { api.setStreamActive(false); },
          "POST", "/api/stream/state", R"({"active":false})", "Stop stream session",
          "{}", {"channelsLoaded [] {}", "liveStatsLoaded []"}},
@@ -109,9 +103,6 @@ const std::vector<Endpoint> &endpoints()
         {"send to a channel", [](A &api) { api.sendChatMessage(" hi ", " 42 ", " Twitch "); },
          "POST", "/api/chat/send", R"({"channelId":"42","provider":"Twitch","text":"hi"})",
          "Send chat",
-         "{}", {"chatMessageSent"}},
-        {"send to all", [](A &api) { api.sendChatMessage("  ", " ", ""); },
-         "POST", "/api/chat/send", R"({"text":""})", "Send chat",
          "{}", {"chatMessageSent"}},
     };
     // clang-format on
@@ -169,6 +160,11 @@ private Q_SLOTS:
         QVERIFY(!requests.at(0).headers.contains("Authorization"));
         QCOMPARE(requests.at(1).header("Authorization"), "Bearer tok-1");
         QVERIFY(!requests.at(2).headers.contains("Authorization"));
+        // Without a session, sign-out signals inside the call and sends nothing.
+        QSignalSpy signedOut(&api_, &TessivaneApi::signedOut);
+        api_.logout();
+        QCOMPARE(signedOut.count(), 1);
+        QCOMPARE(settledRequests().size(), 3);
     }
 
     void replyOutcomes_data()
@@ -184,20 +180,16 @@ private Q_SLOTS:
         } rows[] = {
             {"error trimmed, first", 400, R"({"error":" Bad address \n","message":"x"})",
              "!Bad address"},
-            {"number error", 422, R"({"error":5,"message":" Use a longer title "})",
-             "!Use a longer title"},
             {"blank error", 401, R"({"error":"   ","message":"Session expired"})",
              "!Session expired"},
             {"blank error, no message", 500, R"({"error":"  "})",
              "!*replied: Internal Server Error"},
             {"HTML error", 404, "<html>gone</html>", "!*replied: Not Found"},
-            {"array error", 503, R"([{"error":"x"}])", "!*replied: Service Unavailable"},
             {"object", 200, R"({"server":"rtmp:x","extra":[1]})",
-             R"({"server":"rtmp:x","extra":[1]})"},
+             R"({"extra":[1],"server":"rtmp:x"})"},
             {"error key on success", 200, R"({"error":"no"})", R"({"error":"no"})"},
             {"empty body", 200, "", "{}"},
             {"blank body", 200, " \r\n\t ", "{}"},
-            {"array", 200, R"([{"server":"x"}])", "{}"},
             {"not JSON", 200, "{user:", "!Tessivane returned an invalid response."},
         };
         for (const auto &row : rows)
@@ -215,14 +207,14 @@ private Q_SLOTS:
         api_.fetchIngest();
         QTRY_COMPARE(failed_.count() + loaded.count(), 1);
         if (!outcome.startsWith(QLatin1Char('!')))
-            QCOMPARE(loaded.at(0).at(0).toJsonObject(), object(outcome.toUtf8()));
+            QCOMPARE(describe(loaded.at(0).at(0)), outcome);
         else if (outcome.startsWith(QLatin1String("!*")))
             QVERIFY2(failure().at(1).contains(outcome.mid(2)), qPrintable(failure().at(1)));
         else
             QCOMPARE(failure(), QStringList({"Configure OBS", outcome.mid(1)}));
         // A failure, 401 included, leaves the session alone; the reply is released either way.
         QCOMPARE(api_.sessionToken(), QStringLiteral("tok"));
-        QTRY_COMPARE(TessivaneTestAccess::liveReplies(api_), 0);
+        QTRY_COMPARE(TessivaneTestAccess::manager(api_)->children().size(), 0);
     }
 
     // The session and the password reach the service's origin alone, a reply is bounded in size,
@@ -246,13 +238,14 @@ private Q_SLOTS:
         api_.fetchChannels();
         QTRY_COMPARE(failed_.count(), 2);
         QTRY_COMPARE(service_.requests.size(), 5);
-        QCOMPARE(TessivaneTestAccess::requestFor(api_, "/").transferTimeout(), 30000);
         // Qt gives up on a silent reply by aborting it.
         const QList<QNetworkReply *> replies =
             TessivaneTestAccess::manager(api_)->findChildren<QNetworkReply *>();
-        (*std::find_if(replies.begin(), replies.end(), [](QNetworkReply *reply) {
+        QNetworkReply *silent = *std::find_if(replies.begin(), replies.end(), [](auto *reply) {
             return reply->url().path() == "/api/channels";
-        }))->abort();
+        });
+        QCOMPARE(silent->request().transferTimeout(), 30000);
+        silent->abort();
         QStringList failures;
         for (int i = 0; i < failed_.count(); ++i)
             failures << failure(i).join(": ");
@@ -280,35 +273,15 @@ private Q_SLOTS:
         QCOMPARE(loaded.count(), 0);
     }
 
-    void endpointsOnTheWire_data()
+    void everyEndpoint_data()
     {
         QTest::addColumn<int>("row");
         for (int i = 0; i < int(endpoints().size()); ++i)
             QTest::newRow(endpoints()[i].tag) << i;
     }
 
-    void endpointsOnTheWire()
-    {
-        QFETCH(int, row);
-        const Endpoint &endpoint = endpoints()[row];
-        service_.fallback = {503, R"({"message":"Try later"})"};
-        endpoint.call(api_);
-        QTRY_COMPARE(failed_.count(), 1);
-        QCOMPARE(failure(), QStringList({endpoint.label, "Try later"}));
-        const QList<ScriptedService::Request> requests = settledRequests();
-        QCOMPARE(requests.size(), 1);
-        QCOMPARE(requests.at(0).method, QByteArray(endpoint.method));
-        QCOMPARE(requests.at(0).target, QByteArray(endpoint.target));
-        QCOMPARE(requests.at(0).body, QByteArray(endpoint.body));
-        QCOMPARE(requests.at(0).header("Authorization"), "Bearer tok");
-        QCOMPARE(requests.at(0).header("Content-Type"), "application/json");
-        QCOMPARE(requests.at(0).header("Accept"), "application/json");
-        QCOMPARE(requests.at(0).header("User-Agent"), "Tessivane-OBS-Plugin/0.3.0");
-    }
-
-    void endpointsTurnRepliesIntoSignals_data() { endpointsOnTheWire_data(); }
-
-    void endpointsTurnRepliesIntoSignals()
+    // Each endpoint's signals for a reply, then its one request and its label for a failure.
+    void everyEndpoint()
     {
         QFETCH(int, row);
         const Endpoint &endpoint = endpoints()[row];
@@ -331,71 +304,27 @@ private Q_SLOTS:
             }
         }
         qDeleteAll(spies);
+        if (api_.sessionToken() != "tok")
+            emitted << "token " + api_.sessionToken();
         emitted.sort();
         QCOMPARE(emitted, endpoint.emits);
-    }
 
-    void signInReplies_data()
-    {
-        QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<QString>("storedToken"); // "old" stays after a refusal
-        QTest::addColumn<QString>("signalToken");
-        QTest::addColumn<QByteArray>("user");
-        const struct {
-            const char *body, *stored, *signalled, *user;
-        } rows[] = {
-            {R"({"sessionToken":" tok-9 ","user":{"id":"u1"}})", "tok-9", " tok-9 ",
-             R"({"id":"u1"})"},
-            {R"({"sessionToken":"new"})", "new", "new", "{}"},
-            {R"({"sessionToken":"  "})", "", "  ", "{}"},
-            {"", "old", nullptr, ""},
-            {R"({"user":{"id":"u"}})", "old", nullptr, ""},
-            {R"({"sessionToken":""})", "old", nullptr, ""},
-            {R"({"sessionToken":42})", "old", nullptr, ""},
-        };
-        for (const auto &row : rows)
-            QTest::newRow(row.body) << QByteArray(row.body) << row.stored << QString(row.signalled)
-                                    << QByteArray(row.user);
-    }
-
-    void signInReplies()
-    {
-        QFETCH(QByteArray, body);
-        QFETCH(QString, storedToken);
-        QFETCH(QString, signalToken);
-        QFETCH(QByteArray, user);
-        service_.fallback = {200, body};
-        api_.setSessionToken(QStringLiteral("old"));
-        QSignalSpy signedIn(&api_, &TessivaneApi::signedIn);
-
-        api_.login(QStringLiteral("a@example.com"), QStringLiteral("pw"));
-        QTRY_COMPARE(signedIn.count() + failed_.count(), 1);
-        QCOMPARE(api_.sessionToken(), storedToken);
-        if (signalToken.isNull()) {
-            QCOMPARE(failure(),
-                     QStringList({"Sign in", "The account response did not include a session."}));
-        } else {
-            QCOMPARE(signedIn.at(0).at(0).toJsonObject(), object(user));
-            QCOMPARE(signedIn.at(0).at(1).toString(), signalToken);
-        }
-    }
-
-    void logoutClearsTheTokenOnlyWhenTheServiceAgrees()
-    {
-        QStringList tokensWhenSignedOut;
-        connect(&api_, &TessivaneApi::signedOut, this,
-                [&]() { tokensWhenSignedOut << api_.sessionToken(); });
-        service_.fallback = {500, "{}"};
-        api_.logout();
+        // A failure: the one request, and the session left alone.
+        api_.setSessionToken("tok");
+        service_.requests.clear();
+        failed_.clear();
+        service_.fallback = {503, R"({"message":"Try later"})"};
+        endpoint.call(api_);
         QTRY_COMPARE(failed_.count(), 1);
+        QCOMPARE(failure(), QStringList({endpoint.label, "Try later"}));
         QCOMPARE(api_.sessionToken(), "tok");
-        service_.fallback = {200, R"({"ok":false,"error":"ignored"})"};
-        api_.logout();
-        QTRY_COMPARE(tokensWhenSignedOut, QStringList{""});
-        // Without a session it signals inside the call and sends nothing.
-        api_.logout();
-        QCOMPARE(tokensWhenSignedOut.size(), 2);
-        QCOMPARE(settledRequests().size(), 2);
+        QCOMPARE(settledRequests().size(), 1);
+        const ScriptedService::Request &request = service_.requests[0];
+        QCOMPARE(request.method + ' ' + request.target + ' ' + request.body,
+                 QByteArray(endpoint.method) + ' ' + endpoint.target + ' ' + endpoint.body);
+        QCOMPARE(request.header("Authorization") + '|' + request.header("Content-Type") + '|' +
+                     request.header("Accept") + '|' + request.header("User-Agent"),
+                 "Bearer tok|application/json|application/json|Tessivane-OBS-Plugin/0.3.0");
     }
 };
 

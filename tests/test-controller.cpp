@@ -2,8 +2,6 @@
 // The controller's start and stop, dock hosting, and where failures are shown.
 #include "fixture.h"
 
-#include <QLineEdit>
-#include <QListWidget>
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTimer>
@@ -35,12 +33,10 @@ class TestController : public ControllerTest {
     Q_OBJECT
 
 private Q_SLOTS:
-    void startRegistersFiveStyledDocksInOrder()
+    void startRegistersFiveDocksInOrder()
     {
         QVERIFY(start());
         QCOMPARE(activeTimers(*controller_), QList<int>({2000, 10000, 21600000}));
-        // One sheet for all; the real host sees the look it gives.
-        const QString sheet = panel("tessivane.account")->styleSheet();
         for (int i = 0; i < docks.size(); ++i) {
             QCOMPARE(hostDouble::calls().at(i), "add_dock " + docks[i]);
             QDockWidget *dock = hostDouble::dock(docks[i]);
@@ -50,8 +46,6 @@ private Q_SLOTS:
                                            QDockWidget::DockWidgetMovable |
                                            QDockWidget::DockWidgetFloatable);
             QVERIFY(!dock->isFloating());
-            QCOMPARE(dock->widget()->objectName(), "TessivaneRoot");
-            QCOMPARE(dock->widget()->styleSheet(), sheet);
         }
         // Shown at once, since nobody is signed in.
         QVERIFY(docksShown());
@@ -97,10 +91,7 @@ private Q_SLOTS:
         hostDouble::calls().clear();
         controller_->shutdown();
         QCOMPARE(failed.count(), 7);
-        const QList<QLabel *> labels = account->findChildren<QLabel *>();
-        QVERIFY(std::none_of(labels.begin(), labels.end(), [](QLabel *label) {
-            return label->text().endsWith("Operation canceled");
-        }));
+        QVERIFY(!texts(account).join('\n').contains("Operation canceled"));
         QStringList calls = hostDouble::calls();
         calls.sort();
         QCOMPARE(calls,
@@ -170,35 +161,15 @@ private Q_SLOTS:
         controller_->refreshHealth();
 
         // What each dock shows after all of them, when it still stands.
-        const QHash<QString, std::function<bool(QWidget *)>> updated = {
-            {docks[0],
-             [](QWidget *dock) {
-                 return withText<QLabel>(dock, "Ann") &&
-                        withText<QLabel>(dock, "Save stream information: down");
-             }},
-            {docks[1],
-             [](QWidget *dock) {
-                 return withText<QLabel>(dock, "0 of 0 selected");
-             }},
-            {docks[2],
-             [](QWidget *dock) {
-                 return withText<QLineEdit>(dock, "T") &&
-                        withText<QLabel>(dock, "Save stream information: down");
-             }},
-            {docks[3],
-             [](QWidget *dock) {
-                 return withText<QLabel>(dock, "1 live / 1 selected") &&
-                        withText<QLabel>(dock, "0.00 Mbps");
-             }},
-            {docks[4],
-             [](QWidget *dock) {
-                 auto *list = dock->findChild<QListWidget *>();
-                 return list->count() == 1 && list->item(0)->text() == "C • A: hi";
-             }},
-        };
-        for (const QString &id : docks) {
-            if (id != gone)
-                QVERIFY2(updated[id](panel(qPrintable(id))), qPrintable(id));
+        const QStringList shown[] = {{"Ann", "Save stream information: down"},
+                                     {"0 of 0 selected"},
+                                     {"T", "Save stream information: down"},
+                                     {"1 live / 1 selected", "0.00 Mbps"},
+                                     {"C • A: hi"}};
+        for (int i = 0; i < docks.size(); ++i) {
+            for (const QString &text : shown[i])
+                QVERIFY2(docks[i] == gone || texts(panel(qPrintable(docks[i]))).contains(text),
+                         qPrintable(text));
         }
     }
 
@@ -259,10 +230,10 @@ private Q_SLOTS:
 
         Q_EMIT api().requestFailed(operation, "Service down");
         const QString text = operation + ": Service down";
-        QVERIFY(withText<QLabel>(account, text));
-        QCOMPARE(bool(withText<QLabel>(panel("tessivane.stream-information"), text)), streamInfo);
+        QVERIFY(texts(account).contains(text));
+        QCOMPARE(texts(panel("tessivane.stream-information")).contains(text), streamInfo);
         QCOMPARE(check->isEnabled(), update);
-        QCOMPARE(bool(withText<QLabel>(account, "Update check failed. Try again later.")), update);
+        QCOMPARE(texts(account).contains("Update check failed. Try again later."), update);
     }
 };
 

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 #include "fixture.h"
 
+#include <QDesktopServices>
 #include <QFile>
 #include <QInputDialog>
+#include <QLineEdit>
+#include <QListWidget>
 #include <QMetaEnum>
 #include <QSslCertificate>
 #include <QSslKey>
@@ -70,6 +73,8 @@ QUrl ScriptedService::baseUrl() const
 
 ControllerTest::ControllerTest()
 {
+    for (const char *scheme : {"https", "file"})
+        QDesktopServices::setUrlHandler(scheme, this, "openUrl");
     // Modal boxes run event loops of their own: a timer of the test's answers them there.
     connect(&modalTimer_, &QTimer::timeout, this, [this]() {
         static QPointer<QWidget> answered;
@@ -113,6 +118,7 @@ void ControllerTest::init()
     service_.fallback = {};
     modals_.clear();
     answer_ = {};
+    opened_.clear();
 }
 
 void ControllerTest::cleanup()
@@ -133,10 +139,9 @@ QStringList ControllerTest::wire()
 
 QList<QByteArray> ControllerTest::settledTargets()
 {
-    TessivaneTestAccess::settle(api());
     QList<QByteArray> targets;
-    for (const ScriptedService::Request &request : std::as_const(service_.requests))
-        targets.append(request.target);
+    for (const QString &line : wire())
+        targets.append(line.section(' ', 1, 1).toUtf8());
     std::sort(targets.begin(), targets.end());
     return targets;
 }
@@ -147,4 +152,21 @@ bool ControllerTest::docksShown()
     return !ids.isEmpty() && std::all_of(ids.begin(), ids.end(), [](const QString &id) {
         return hostDouble::dock(id)->isVisibleTo(hostDouble::mainWindow());
     });
+}
+
+QStringList ControllerTest::texts(QWidget *root)
+{
+    QStringList texts;
+    for (QWidget *widget : root->findChildren<QWidget *>()) {
+        if (auto *label = qobject_cast<QLabel *>(widget))
+            texts << label->text();
+        else if (auto *button = qobject_cast<QAbstractButton *>(widget))
+            texts << button->text();
+        else if (auto *edit = qobject_cast<QLineEdit *>(widget))
+            texts << edit->text();
+        else if (auto *list = qobject_cast<QListWidget *>(widget))
+            for (int i = 0; i < list->count(); ++i)
+                texts << list->item(i)->text();
+    }
+    return texts;
 }
