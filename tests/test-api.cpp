@@ -133,10 +133,7 @@ private Q_SLOTS:
     {
         api_.setBaseUrl(service_.baseUrl());
         api_.setSessionToken("tok");
-        service_.requests.clear();
-        service_.replies.clear();
-        service_.locations.clear();
-        service_.fallback = {};
+        service_.reset();
         failed_.clear();
     }
 
@@ -224,13 +221,11 @@ private Q_SLOTS:
         ScriptedService elsewhere;
         QVERIFY(elsewhere.listen());
         QSignalSpy account(&api_, &TessivaneApi::accountLoaded);
-        service_.replies["/api/me"] = {307, "{}"};
-        service_.locations["/api/me"] = service_.baseUrl().toEncoded() + "/api/me2";
+        service_.replies["/api/me"] = {307, "{}", service_.baseUrl().toEncoded() + "/api/me2"};
         service_.replies["/api/me2"] = {200, R"({"user":{"id":2}})"};
         api_.fetchAccount();
         QTRY_COMPARE(account.count(), 1);
-        service_.replies["/api/auth/login"] = {307, "{}"};
-        service_.locations["/api/auth/login"] = elsewhere.baseUrl().toEncoded() + "/steal";
+        service_.replies["/api/auth/login"] = {307, "{}", elsewhere.baseUrl().toEncoded() + "/x"};
         service_.replies["/api/stream-engine/ingest"] = {200, QByteArray(5 << 20, ' ')};
         service_.replies["/api/channels"].status = ScriptedService::hold;
         api_.login("a@x", "secret");

@@ -171,8 +171,7 @@ private Q_SLOTS:
         const bool refused = qstrcmp(row.box, metadata) == 0;
         prepare(row.folder);
         service_.replies["/i.pkg"] = {200, installer};
-        service_.replies["/x"] = {row.code, "{}"};
-        service_.locations["/x"] = expand(row.location).toUtf8();
+        service_.replies["/x"] = {row.code, "{}", expand(row.location).toUtf8()};
         if (box.endsWith("opened."))
             QDesktopServices::unsetUrlHandler("file");
         QVERIFY(start());

@@ -41,24 +41,19 @@ ScriptedService::ScriptedService(QObject *parent) : QObject(parent)
             return held_.push_back(std::move(responder));
         QHttpHeaders headers;
         headers.append(QHttpHeaders::WellKnownHeader::ContentType, "application/json");
-        if (!locations.value(target).isEmpty())
-            headers.append(QHttpHeaders::WellKnownHeader::Location, locations.value(target));
+        if (!reply.location.isEmpty())
+            headers.append(QHttpHeaders::WellKnownHeader::Location, reply.location);
         responder.write(reply.body, headers, QHttpServerResponder::StatusCode(reply.status));
     });
 }
 
-QSslConfiguration ScriptedService::tls()
-{
-    QSslConfiguration config;
-    config.setLocalCertificateChain(QSslCertificate::fromData(readFile("server.pem")));
-    config.setPrivateKey(QSslKey(readFile("server-key.pem"), QSsl::Ec));
-    return config;
-}
-
 bool ScriptedService::listen(quint16 port)
 {
+    QSslConfiguration tls;
+    tls.setLocalCertificateChain(QSslCertificate::fromData(readFile("server.pem")));
+    tls.setPrivateKey(QSslKey(readFile("server-key.pem"), QSsl::Ec));
     auto *server = new QSslServer(this);
-    server->setSslConfiguration(tls());
+    server->setSslConfiguration(tls);
     if (!server->listen(QHostAddress::LocalHost, port)) {
         qWarning("Cannot listen on 127.0.0.1:%d: %s", port, qPrintable(server->errorString()));
         return false;
@@ -112,10 +107,7 @@ void ControllerTest::init()
         "^(?!This plugin does not support|HTTP header value contained illegal)"));
     hostDouble::reset();
     QFile::remove(store().fileName());
-    service_.requests.clear();
-    service_.replies.clear();
-    service_.locations.clear();
-    service_.fallback = {};
+    service_.reset();
     modals_.clear();
     answer_ = {};
     opened_.clear();

@@ -38,20 +38,18 @@ public:
     struct Reply {
         int status = 200; // 0: never answered
         QByteArray body = "{}";
+        QByteArray location = {}; // a Location header, for redirects
     };
     static constexpr int hold = 0;
 
     explicit ScriptedService(QObject *parent = nullptr);
-    bool listen(quint16 port = 0);  // 0 picks a free one
-    static QSslConfiguration tls(); // the development service's certificate and key
+    bool listen(quint16 port = 0); // 0 picks a free one
     QUrl baseUrl() const;
-
     // The answer to each request for a target; others get `fallback`.
     QHash<QByteArray, Reply> replies;
     Reply fallback;
-    // A Location header for the answer to a target, for redirects.
-    QHash<QByteArray, QByteArray> locations;
     QList<Request> requests;
+    void reset() { requests.clear(), replies.clear(), fallback = {}; }
 
 private:
     QHttpServer http_;
