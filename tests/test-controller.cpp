@@ -41,7 +41,6 @@ private Q_SLOTS:
             QCOMPARE(hostDouble::calls().at(i), "add_dock " + docks[i]);
             QDockWidget *dock = hostDouble::dock(docks[i]);
             QCOMPARE(dock->windowTitle(), titles[i]);
-            QCOMPARE(dock->allowedAreas(), Qt::AllDockWidgetAreas);
             QCOMPARE(dock->features(), QDockWidget::DockWidgetClosable |
                                            QDockWidget::DockWidgetMovable |
                                            QDockWidget::DockWidgetFloatable);
