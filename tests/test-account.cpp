@@ -22,7 +22,6 @@ class TestAccount : public ControllerTest {
 private Q_SLOTS:
     void signInSendsTheFormAndOpensTheAccountPage()
     {
-        QVERIFY(start());
         hostDouble::dock("tessivane.chat")->close();
 
         const QByteArray user = R"({"name":"Demo","email":"demo@tessivane.dev","plan":"Pro"})";
@@ -58,7 +57,7 @@ private Q_SLOTS:
     void aTokenOfBlanksIsNoSession()
     {
         store().setValue("sessionToken", "   ");
-        QVERIFY(start());
+        QVERIFY(restart());
         QCOMPARE(settledTargets(), QList<QByteArray>());
         QVERIFY(docksShown());
         service_.replies["/api/auth/login"] = {200, R"({"sessionToken":"   "})"};
@@ -71,7 +70,7 @@ private Q_SLOTS:
     {
         store().setValue("sessionToken", "  tok-9 ");
         service_.replies["/api/me"] = {200, R"({"user":{"email":"a@b.c"}})"};
-        QVERIFY(start());
+        QVERIFY(restart());
         // The account page waits for the first reply; OBS's own layout decides on the docks.
         QCOMPARE(stack()->currentIndex(), 0);
         QVERIFY(!hostDouble::dock("tessivane.account")->isVisibleTo(hostDouble::mainWindow()));
@@ -102,7 +101,6 @@ private Q_SLOTS:
     void accountLabelsFollowTheRecord()
     {
         QFETCH(QByteArray, user);
-        QVERIFY(start());
         Q_EMIT api().accountLoaded(QJsonDocument::fromJson(user).object());
         QCOMPARE(stack()->currentIndex(), 1);
         QTEST(shown(), "shown");
@@ -110,7 +108,6 @@ private Q_SLOTS:
 
     void signOutForgetsTheSession()
     {
-        QVERIFY(start());
         Q_EMIT api().signedIn({}, "tok-1");
         TessivaneTestAccess::settle(api());
         Q_EMIT api().requestFailed("Load chat", "Service down");
@@ -125,7 +122,6 @@ private Q_SLOTS:
 
     void manageAccountOpensTheAccountPage()
     {
-        QVERIFY(start());
         press("Manage Account");
         QCOMPARE(opened_, QList<QUrl>{QUrl(TESSIVANE_SERVICE_ORIGIN "/account/")});
     }

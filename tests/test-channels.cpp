@@ -30,7 +30,6 @@ private Q_SLOTS:
     // Missing, blank and mistyped keys; ids of every shape, as the selection's path carries them.
     void cardsShowTheRecordsAndTheirSwitchesPostAtOnce()
     {
-        QVERIFY(start());
         QCOMPARE(render(R"([{"id":42,"name":" A ","providerName":" Tw ","provider":"x",
             "status":" On ","selected":true}, {"id":42.9,"name":" ","provider":" kick ",
             "status":" ","selected":1}, {"id":" 5%","name":"%2","selected":"true"}, 7,
@@ -65,7 +64,6 @@ private Q_SLOTS:
     // answer is about the channel it names. Return takes the default, Cancel.
     void removalAsksFirstEvenAcrossARebuild()
     {
-        QVERIFY(start());
         const QString signedOut = "0 of 0 selected/Sign in to load your connected channels.";
         QCOMPARE(render("{}"), signedOut);
         for (Qt::Key key : {Qt::Key_Return, Qt::Key_Y}) {
@@ -96,7 +94,6 @@ private Q_SLOTS:
     // the browser.
     void addChannelMenu()
     {
-        QVERIFY(start());
         QString answers;
         answer_ = [&](QDialog *dialog) {
             auto *input = static_cast<QInputDialog *>(dialog);

@@ -35,7 +35,6 @@ class TestChat : public ControllerTest {
 private Q_SLOTS:
     void feedShowsBadgesAnIdleReplyTouchesNothingAndAnEmptyFeedSaysWhy()
     {
-        QVERIFY(start());
         // Before any reply: nothing to send to.
         QCOMPARE(rows() + rows(true),
                  QStringList({"Loading connected platform chats...", "All channels = "}));
@@ -120,7 +119,6 @@ private Q_SLOTS:
         QFETCH(QJsonArray, last);
         QFETCH(QJsonArray, next);
         QFETCH(bool, changed);
-        QVERIFY(start());
         if (QByteArray(QTest::currentDataTag()) != "first reply")
             Q_EMIT api().chatLoaded(last, last);
         in<QListWidget>()->addItem("mark");
@@ -132,7 +130,6 @@ private Q_SLOTS:
 
     void targetRowsFollowTheConnectedAdaptersAndKeepTheChoice()
     {
-        QVERIFY(start());
         reply("[]", R"([{"connected":true,"provider":"Twitch","channel":"A","channelId":1234567.9},
                         {"connected":true,"provider":"twitch","channel":"B","channelId":" abc "},
                         {"connected":"true","provider":"facebook","channelId":"f"},
@@ -158,7 +155,6 @@ private Q_SLOTS:
 
     void sendGoesToTheChosenTargetAndClearsOnlyOnSuccess()
     {
-        QVERIFY(start());
         // Blanks alone send nothing and stay in the field.
         reply("[]", R"([{"connected":true}])");
         in<QLineEdit>()->setText("  ");

@@ -35,7 +35,6 @@ class TestController : public ControllerTest {
 private Q_SLOTS:
     void startRegistersFiveDocksInOrder()
     {
-        QVERIFY(start());
         QCOMPARE(activeTimers(*controller_), QList<int>({2000, 10000, 21600000}));
         for (int i = 0; i < docks.size(); ++i) {
             QCOMPARE(hostDouble::calls().at(i), "add_dock " + docks[i]);
@@ -56,7 +55,6 @@ private Q_SLOTS:
     // The poll asks for the channels, the platforms and the chat, and only with a session.
     void pollAsksOnlyWithASession()
     {
-        QVERIFY(start());
         const QList<QTimer *> timers = controller_->findChildren<QTimer *>();
         QTimer *poll = *std::find_if(timers.begin(), timers.end(),
                                      [](QTimer *timer) { return timer->interval() == 10000; });
@@ -79,7 +77,7 @@ private Q_SLOTS:
     {
         store().setValue("sessionToken", "tok");
         service_.fallback.status = ScriptedService::hold;
-        QVERIFY(start());
+        QVERIFY(restart());
         // Seven requests: six on the wire, one waiting in Qt for a connection.
         QTRY_COMPARE(service_.requests.size(), 6);
         // The panel outlives its dock here, so that a late write to it would show.
@@ -110,7 +108,6 @@ private Q_SLOTS:
 
     void refusedAndDestroyedPanels()
     {
-        QVERIFY(start());
         hostDouble::refuseDock("tessivane.y");
         QPointer<QWidget> refused = new QWidget;
         QVERIFY(!controller_->registerDock("tessivane.y", "Y", refused));
@@ -136,7 +133,6 @@ private Q_SLOTS:
     void everyReactionCopesWithADockGone()
     {
         QFETCH(QString, gone);
-        QVERIFY(start());
         delete hostDouble::dock(gone);
         const QJsonObject user{{"name", "Ann"}};
         const QJsonArray channels{QJsonObject{{"selected", true}, {"status", "live"}}};
@@ -194,7 +190,7 @@ private Q_SLOTS:
         }
         hostDouble::dockState(HOST_OBS31) = saved ? last.saveState().toBase64() : "";
         store().setValue("sessionToken", "tok");
-        QVERIFY(start());
+        QVERIFY(restart());
         QMainWindow *window = hostDouble::mainWindow();
         for (const QString &id : docks) {
             QDockWidget *dock = hostDouble::dock(id);
@@ -222,7 +218,6 @@ private Q_SLOTS:
         QFETCH(QString, operation);
         QFETCH(bool, streamInfo);
         QFETCH(bool, update);
-        QVERIFY(start());
         QWidget *account = panel("tessivane.account");
         QPushButton *check = withText<QPushButton>(account, "Check for Updates");
         check->setEnabled(false);

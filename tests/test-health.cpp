@@ -80,7 +80,6 @@ private Q_SLOTS:
         QFETCH(QJsonObject, ingest);
         QFETCH(bool, refused);
         QFETCH(QString, server);
-        QVERIFY(start());
         api().setSessionToken("tok");
         Q_EMIT api().ingestLoaded({{"server", "rtmp://old"}, {"streamKey", "old"}});
         hostDouble::calls().clear();
@@ -103,7 +102,6 @@ private Q_SLOTS:
 
     void signOutEmptiesTheServiceAndStartWaitsForAnIngest()
     {
-        QVERIFY(start());
         api().setSessionToken("tok");
         Q_EMIT api().ingestLoaded({{"server", "rtmp://a"}, {"streamKey", "k"}});
         hostDouble::calls().clear();
@@ -158,7 +156,6 @@ private Q_SLOTS:
     {
         QFETCH(int, event);
         QFETCH(bool, signedIn);
-        QVERIFY(start());
         api().setSessionToken(signedIn ? "tok" : "");
         hostDouble::calls().clear();
         controller_->handleFrontendEvent(event);
@@ -190,7 +187,6 @@ private Q_SLOTS:
         QFETCH(bool, output);
         QFETCH(int, frames);
         QFETCH(int, dropped);
-        QVERIFY(start());
         host() = {active, output, 0, frames, dropped, false, {}, {}};
         hostDouble::calls().clear();
         controller_->refreshHealth();
@@ -202,7 +198,6 @@ private Q_SLOTS:
 
     void uploadRateIsGuarded()
     {
-        QVERIFY(start());
         host().active = true;
         QCOMPARE(shown()[1], "0.00 Mbps"); // the start's own sample
         // Back to back, the interval reads 0 or 1 ms and divides as 1.
@@ -224,7 +219,6 @@ private Q_SLOTS:
 
     void platformsLineCountsLiveStatuses()
     {
-        QVERIFY(start());
         const char *channels = R"([{"selected":true},{"selected":true},{},{"selected":true}])";
         Q_EMIT api().channelsLoaded(QJsonDocument::fromJson(channels).array(), {});
         Q_EMIT api().liveStatsLoaded({});

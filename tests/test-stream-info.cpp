@@ -30,7 +30,6 @@ class TestStreamInfo : public ControllerTest {
 private Q_SLOTS:
     void loadSaveAndSummary()
     {
-        QVERIFY(start());
         // Title, go-live note and tags; each box keeps its line edit to itself.
         const auto edit = dock()->findChild<QScrollArea *>()->widget()->findChildren<QLineEdit *>(
             Qt::FindDirectChildrenOnly);
@@ -78,7 +77,6 @@ private Q_SLOTS:
     void longTextsStayInsideTheDock()
     {
         QFETCH(QString, word);
-        QVERIFY(start());
         QDockWidget *frame = hostDouble::dock("tessivane.stream-information");
         frame->setFloating(true);
         const int narrowest = dock()->minimumSizeHint().width();
@@ -112,7 +110,6 @@ private Q_SLOTS:
             {"1", "ju", "\b", ""},
             {"1", "a&b?c%", "d", "/api/categories%3Fprovider=kick&q=a%2526b%3Fc%2525d"},
         };
-        QVERIFY(start());
         for (const auto &[index, before, keys, target] : searches) {
             service_.requests.clear();
             box(*index - '0')->setText(before);

@@ -56,7 +56,6 @@ private:
 private Q_SLOTS:
     void versionsComparePieceByPiece()
     {
-        QVERIFY(start());
         answer_ = [](QDialog *box) {
             press(box, QMessageBox::No);
         };
@@ -74,7 +73,6 @@ private Q_SLOTS:
 
     void manualAndTimerChecksAndTheOneOpenQuestion()
     {
-        QVERIFY(start());
         button()->click();
         QCOMPARE(label(), "Checking for updates...");
         QVERIFY(!button()->isEnabled());
@@ -174,7 +172,6 @@ private Q_SLOTS:
         service_.replies["/x"] = {row.code, "{}", expand(row.location).toUtf8()};
         if (box.endsWith("opened."))
             QDesktopServices::unsetUrlHandler("file");
-        QVERIFY(start());
         api().setSessionToken("secret");
 
         Q_EMIT api().pluginReleaseLoaded({{"available", true},

@@ -111,6 +111,7 @@ void ControllerTest::init()
     modals_.clear();
     answer_ = {};
     opened_.clear();
+    QVERIFY(restart());
 }
 
 void ControllerTest::cleanup()

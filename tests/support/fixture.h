@@ -95,7 +95,12 @@ protected:
     std::function<void(QDialog *)> answer_;
     QList<QUrl> opened_;
 
-    bool start() { return (controller_ = new TessivaneController)->initialize(); }
+    // Each test begins with a controller started; one that sets the stage first starts anew.
+    bool restart()
+    {
+        delete controller_;
+        return (controller_ = new TessivaneController)->initialize();
+    }
     TessivaneApi &api() { return TessivaneTestAccess::api(*controller_); }
     // The requests once the client is quiet, as "METHOD target body", sorted: several sent at
     // once arrive in any order.
