@@ -27,17 +27,14 @@ class TestChat : public ControllerTest {
                          (box ? " = " + model->index(i, 0).data(Qt::UserRole).toString() : "");
         return texts;
     }
-    static QString choose(const char *target = nullptr)
+    static void choose(const char *target)
     {
-        if (target)
-            in<QComboBox>()->setCurrentIndex(in<QComboBox>()->findData(QString(target)));
-        return in<QComboBox>()->currentData().toString();
+        in<QComboBox>()->setCurrentIndex(in<QComboBox>()->findData(QString(target)));
     }
 
 private Q_SLOTS:
     void feedShowsBadgesAnIdleReplyTouchesNothingAndAnEmptyFeedSaysWhy()
     {
-        QVERIFY(start());
         // Before any reply: nothing to send to.
         QCOMPARE(rows() + rows(true),
                  QStringList({"Loading connected platform chats...", "All channels = "}));
@@ -87,8 +84,8 @@ private Q_SLOTS:
         for (const auto &step : steps) {
             reply(step[0], step[1]);
             QCOMPARE(rows(), QStringList{step[2]});
-            QCOMPARE(in<QLineEdit>()->isEnabled(), step[1] == up);
-            QCOMPARE(in<QPushButton>()->isEnabled(), step[1] == up);
+            QVERIFY(in<QLineEdit>()->isEnabled() == (step[1] == up) &&
+                    in<QPushButton>()->isEnabled() == (step[1] == up));
         }
     }
 
@@ -103,16 +100,12 @@ private Q_SLOTS:
             return QJsonDocument::fromJson(text).array();
         };
         QTest::newRow("first reply") << QJsonArray() << QJsonArray() << true;
-        QTest::newRow("order of keys, blanks, a repeated key")
-            << json(R"([{"b":1,"a":[2,{}],"a":0}])") << json(R"([ {"a":0, "b":1} ])") << false;
         QTest::newRow("1 and 1.0, -0 and 0") << json("[[1,-0]]") << json("[[1.0,0]]") << false;
         // Both print as null; no service sends a NaN, but the handler takes any array.
         const QJsonValue nan(qQNaN()), null;
         QTest::newRow("NaN and null")
             << QJsonArray{QJsonObject{{"a", nan}}, QJsonArray{nan}, nan}
             << QJsonArray{QJsonObject{{"a", null}}, QJsonArray{null}, null} << false;
-        QTest::newRow("beyond 64 bits") << json("[{\"id\":9223372036854775807}]")
-                                        << json("[{\"id\":9223372036854775808}]") << true;
         QTest::newRow("beyond 53 bits")
             << json("[[9007199254740993]]") << json("[[9007199254740992]]") << true;
         QTest::newRow("lone surrogates")
@@ -126,7 +119,6 @@ private Q_SLOTS:
         QFETCH(QJsonArray, last);
         QFETCH(QJsonArray, next);
         QFETCH(bool, changed);
-        QVERIFY(start());
         if (QByteArray(QTest::currentDataTag()) != "first reply")
             Q_EMIT api().chatLoaded(last, last);
         in<QListWidget>()->addItem("mark");
@@ -138,7 +130,6 @@ private Q_SLOTS:
 
     void targetRowsFollowTheConnectedAdaptersAndKeepTheChoice()
     {
-        QVERIFY(start());
         reply("[]", R"([{"connected":true,"provider":"Twitch","channel":"A","channelId":1234567.9},
                         {"connected":true,"provider":"twitch","channel":"B","channelId":" abc "},
                         {"connected":"true","provider":"facebook","channelId":"f"},
@@ -157,14 +148,13 @@ private Q_SLOTS:
         choose("channel:abc");
         reply("[]", R"([{"connected":true,"provider":"kick"},
                        {"connected":true,"provider":"twitch","channelId":"abc"}])");
-        QCOMPARE(choose(), "channel:abc");
+        QCOMPARE(in<QComboBox>()->currentData(), "channel:abc");
         reply("[]", R"([{"connected":true,"provider":"twitch"}])");
-        QCOMPARE(choose(), "all");
+        QCOMPARE(in<QComboBox>()->currentData(), "all");
     }
 
     void sendGoesToTheChosenTargetAndClearsOnlyOnSuccess()
     {
-        QVERIFY(start());
         // Blanks alone send nothing and stay in the field.
         reply("[]", R"([{"connected":true}])");
         in<QLineEdit>()->setText("  ");

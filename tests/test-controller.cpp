@@ -38,23 +38,17 @@ class TestController : public ControllerTest {
     Q_OBJECT
 
 private Q_SLOTS:
-    void startRegistersFiveStyledDocksInOrder()
+    void startRegistersFiveDocksInOrder()
     {
-        QVERIFY(start());
         QCOMPARE(activeTimers(*controller_), QList<int>({2000, 10000, 21600000}));
-        // One sheet for all; the real host sees the look it gives.
-        const QString sheet = panel("tessivane.account")->styleSheet();
         for (int i = 0; i < docks.size(); ++i) {
             QCOMPARE(hostDouble::calls().at(i), "add_dock " + docks[i]);
             QDockWidget *dock = hostDouble::dock(docks[i]);
             QCOMPARE(dock->windowTitle(), titles[i]);
-            QCOMPARE(dock->allowedAreas(), Qt::AllDockWidgetAreas);
             QCOMPARE(dock->features(), QDockWidget::DockWidgetClosable |
                                            QDockWidget::DockWidgetMovable |
                                            QDockWidget::DockWidgetFloatable);
             QVERIFY(!dock->isFloating());
-            QCOMPARE(dock->widget()->objectName(), "TessivaneRoot");
-            QCOMPARE(dock->widget()->styleSheet(), sheet);
         }
         // Shown at once, since nobody is signed in.
         QVERIFY(docksShown());
@@ -66,7 +60,6 @@ private Q_SLOTS:
     // The poll asks for the channels, the platforms and the chat, and only with a session.
     void pollAsksOnlyWithASession()
     {
-        QVERIFY(start());
         const QList<QTimer *> timers = controller_->findChildren<QTimer *>();
         QTimer *poll = *std::find_if(timers.begin(), timers.end(),
                                      [](QTimer *timer) { return timer->interval() == 10000; });
@@ -89,7 +82,7 @@ private Q_SLOTS:
     {
         store().setValue("sessionToken", "tok");
         service_.fallback.status = ScriptedService::hold;
-        QVERIFY(start());
+        QVERIFY(restart());
         // Seven requests: six on the wire, one waiting in Qt for a connection.
         QTRY_COMPARE(service_.requests.size(), 6);
         // The panel outlives its dock here, so that a late write to it would show.
@@ -100,10 +93,7 @@ private Q_SLOTS:
         hostDouble::calls().clear();
         controller_->shutdown();
         QCOMPARE(failed.count(), 7);
-        const QList<QLabel *> labels = account->findChildren<QLabel *>();
-        QVERIFY(std::none_of(labels.begin(), labels.end(), [](QLabel *label) {
-            return label->text().endsWith("Operation canceled");
-        }));
+        QVERIFY(!texts(account).join('\n').contains("Operation canceled"));
         QStringList calls = hostDouble::calls();
         calls.sort();
         QCOMPARE(calls,
@@ -123,7 +113,6 @@ private Q_SLOTS:
 
     void refusedAndDestroyedPanels()
     {
-        QVERIFY(start());
         hostDouble::refuseDock("tessivane.y");
         QPointer<QWidget> refused = new QWidget;
         QVERIFY(!controller_->registerDock("tessivane.y", "Y", refused));
@@ -149,7 +138,6 @@ private Q_SLOTS:
     void everyReactionCopesWithADockGone()
     {
         QFETCH(QString, gone);
-        QVERIFY(start());
         delete hostDouble::dock(gone);
         const QJsonObject user{{"name", "Ann"}};
         const QJsonArray channels{QJsonObject{{"selected", true}, {"status", "live"}}};
@@ -173,35 +161,15 @@ private Q_SLOTS:
         controller_->refreshHealth();
 
         // What each dock shows after all of them, when it still stands.
-        const QHash<QString, std::function<bool(QWidget *)>> updated = {
-            {docks[0],
-             [](QWidget *dock) {
-                 return withText<QLabel>(dock, "Ann") &&
-                        withText<QLabel>(dock, "Save stream information: down");
-             }},
-            {docks[1],
-             [](QWidget *dock) {
-                 return withText<QLabel>(dock, "0 of 0 selected");
-             }},
-            {docks[2],
-             [](QWidget *dock) {
-                 return withText<QLineEdit>(dock, "T") &&
-                        withText<QLabel>(dock, "Save stream information: down");
-             }},
-            {docks[3],
-             [](QWidget *dock) {
-                 return withText<QLabel>(dock, "1 live / 1 selected") &&
-                        withText<QLabel>(dock, "0.00 Mbps");
-             }},
-            {docks[4],
-             [](QWidget *dock) {
-                 auto *list = dock->findChild<QListWidget *>();
-                 return list->count() == 1 && list->item(0)->text() == "C • A: hi";
-             }},
-        };
-        for (const QString &id : docks) {
-            if (id != gone)
-                QVERIFY2(updated[id](panel(qPrintable(id))), qPrintable(id));
+        const QStringList shown[] = {{"Ann", "Save stream information: down"},
+                                     {"0 of 0 selected"},
+                                     {"T", "Save stream information: down"},
+                                     {"1 live / 1 selected", "0.00 Mbps"},
+                                     {"C • A: hi"}};
+        for (int i = 0; i < docks.size(); ++i) {
+            for (const QString &text : shown[i])
+                QVERIFY2(docks[i] == gone || texts(panel(qPrintable(docks[i]))).contains(text),
+                         qPrintable(text));
         }
     }
 
@@ -227,7 +195,7 @@ private Q_SLOTS:
         }
         hostDouble::dockState(HOST_OBS31) = saved ? last.saveState().toBase64() : "";
         store().setValue("sessionToken", "tok");
-        QVERIFY(start());
+        QVERIFY(restart());
         QMainWindow *window = hostDouble::mainWindow();
         for (const QString &id : docks) {
             QDockWidget *dock = hostDouble::dock(id);
@@ -255,17 +223,16 @@ private Q_SLOTS:
         QFETCH(QString, operation);
         QFETCH(bool, streamInfo);
         QFETCH(bool, update);
-        QVERIFY(start());
         QWidget *account = panel("tessivane.account");
         QPushButton *check = withText<QPushButton>(account, "Check for Updates");
         check->setEnabled(false);
 
         Q_EMIT api().requestFailed(operation, "Service down");
         const QString text = operation + ": Service down";
-        QVERIFY(withText<QLabel>(account, text));
-        QCOMPARE(bool(withText<QLabel>(panel("tessivane.stream-information"), text)), streamInfo);
+        QVERIFY(texts(account).contains(text));
+        QCOMPARE(texts(panel("tessivane.stream-information")).contains(text), streamInfo);
         QCOMPARE(check->isEnabled(), update);
-        QCOMPARE(bool(withText<QLabel>(account, "Update check failed. Try again later.")), update);
+        QCOMPARE(texts(account).contains("Update check failed. Try again later."), update);
     }
 };
 

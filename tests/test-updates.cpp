@@ -34,16 +34,13 @@ struct Download {
 class TestUpdates : public ControllerTest {
     Q_OBJECT
     QTemporaryDir tmp_;
-    QList<QUrl> opened_;
 
 public:
     TestUpdates()
     {
         // Installers land in a private temporary folder and are handed to this test, not opened.
         qputenv("TMPDIR", tmp_.path().toUtf8());
-        QDesktopServices::setUrlHandler("file", this, "openUrl");
     }
-    Q_SLOT void openUrl(const QUrl &url) { opened_ << url; }
 
 private:
     static QPushButton *button()
@@ -59,7 +56,6 @@ private:
 private Q_SLOTS:
     void versionsComparePieceByPiece()
     {
-        QVERIFY(start());
         answer_ = [](QDialog *box) {
             press(box, QMessageBox::No);
         };
@@ -77,7 +73,6 @@ private Q_SLOTS:
 
     void manualAndTimerChecksAndTheOneOpenQuestion()
     {
-        QVERIFY(start());
         button()->click();
         QCOMPARE(label(), "Checking for updates...");
         QVERIFY(!button()->isEnabled());
@@ -126,7 +121,6 @@ private Q_SLOTS:
              "The installer checksum did not match the signed release metadata. Nothing was "
              "installed."},
             {"%1/i.pkg", sha, "a/b.pkg", 0, 0, "", "stale", "Downloading a/b.pkg...", saved},
-            {"%1/i.pkg", sha, "/tmp/i.pkg", 0, 0, "", "stale", "Downloading /tmp/i.pkg...", saved},
             {"%1/i.pkg", sha, "..pkg", 0, 0, "", "stale", "Downloading ..pkg...", saved},
             {"%1/i.pkg", sha, "i.pkg", 0, 0, "", "a link", "Downloading i.pkg...", saved},
             {"%1/i.pkg", sha, "i.pkg", 0, 0, "", "another's", "Downloading i.pkg...", saved},
@@ -175,22 +169,17 @@ private Q_SLOTS:
         const bool refused = qstrcmp(row.box, metadata) == 0;
         prepare(row.folder);
         service_.replies["/i.pkg"] = {200, installer};
-        service_.replies["/x"] = {row.code, "{}"};
-        service_.locations["/x"] = expand(row.location).toUtf8();
+        service_.replies["/x"] = {row.code, "{}", expand(row.location).toUtf8()};
         if (box.endsWith("opened."))
             QDesktopServices::unsetUrlHandler("file");
-        opened_.clear();
-        QVERIFY(start());
         api().setSessionToken("secret");
 
-        QJsonObject release{{"available", true},
-                            {"version", "1"},
-                            {"url", expand(row.url)},
-                            {"sha256", row.sha256},
-                            {"name", row.name}};
-        if (row.size)
-            release.insert("size", row.size);
-        Q_EMIT api().pluginReleaseLoaded(release);
+        Q_EMIT api().pluginReleaseLoaded({{"available", true},
+                                          {"version", "1"},
+                                          {"url", expand(row.url)},
+                                          {"sha256", row.sha256},
+                                          {"name", row.name},
+                                          {"size", row.size}});
         QCOMPARE(button()->isEnabled(), refused);
         QTRY_VERIFY(button()->isEnabled());
         QDesktopServices::setUrlHandler("file", this, "openUrl");
@@ -207,10 +196,9 @@ private Q_SLOTS:
         // enter; nothing else is written, and nothing anywhere else.
         QDir folder(tmp_.filePath("TessivaneUpdates"));
         QFile written(folder.filePath("i.pkg"));
-        const bool verifiedHere = qstrcmp(row.label, verified) == 0;
         QCOMPARE(opened_,
                  box.isEmpty() ? QList{QUrl::fromLocalFile(written.fileName())} : QList<QUrl>());
-        if (verifiedHere) {
+        if (qstrcmp(row.label, verified) == 0) {
             QVERIFY(written.open(QFile::ReadOnly) && !QFileInfo(written).isSymLink());
             QCOMPARE(written.readAll(), installer);
             QCOMPARE(QFileInfo(folder.path()).permissions() & 0x0077, 0);

@@ -24,8 +24,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 SOURCE = HERE.parents[1]
-TABLE = HERE / "faults.txt"
-BUILD = SOURCE / "build-faults"
+TABLE, BUILD = HERE / "faults.txt", SOURCE / "build-faults"
 # name: (build folder, configure options, build targets, tests it runs, tests it leaves out)
 STAGES = {
     "unit": (BUILD, [], ["tessivane-unit-tests", "tessivane"], "", "^(real-host|tessivane-format)$"),
@@ -42,15 +41,14 @@ def select(include, exclude):
 
 
 def parse():
-    blocks = TABLE.read_text().split("\n\n")
-    faults = []
+    blocks, faults = TABLE.read_text().split("\n\n"), []
     for index, block in enumerate(blocks):
         lines = block.strip("\n").split("\n")
         if not lines[0] or lines[0].startswith("#"):
             continue
         fid, path, *stage = lines[0].split()
         text = lambda prefix, sep="\n": sep.join(l[2:] for l in lines[1:] if l[:1] == prefix)
-        faults.append(dict(id=fid, path=path, stage=stage[0] if stage else "", block=index,
+        faults.append(dict(id=fid, path=path, stage=(stage or [""])[0], block=index,
                            what=text("#", " "), before=text("-"), after=text("+"),
                            result=text("=") or "untried",
                            group="system" if path.startswith("src/") else "service"))
@@ -58,9 +56,9 @@ def parse():
 
 
 def record(blocks, fault, result):
-    block = re.sub(r"(?m)^=.*\n?", "", blocks[fault["block"]]).rstrip("\n")
-    end = "\n" if blocks[fault["block"]].endswith("\n") else ""
-    blocks[fault["block"]] = f"{block}\n= {result}{end}"
+    old = blocks[fault["block"]]
+    end = "\n" if old.endswith("\n") else ""
+    blocks[fault["block"]] = re.sub(r"(?m)^=.*\n?", "", old).rstrip("\n") + f"\n= {result}{end}"
     TABLE.write_text("\n\n".join(blocks))
 
 
@@ -98,13 +96,12 @@ def seed(fault, stages, tests, log):
         stem = Path(fault["path"]).stem.replace("tessivane-", "").replace("controller-", "")
         catcher = recorded[2] if recorded[:2] == ["caught", stage] else \
             "test-" + OWN_TEST.get(stem, stem)
-        # A unit test's executable is a target of its own name, built alone when it runs alone.
-        alone = lambda test: [test] if test.startswith("test-") else targets
-        runs = []
+        runs = [(targets, select(include, exclude))]
         if catcher in tests[stage] and len(tests[stage]) > 1:
-            runs.append((alone(catcher), select(f"^{catcher}$", "")))
-            exclude = "|".join(filter(None, [exclude, f"^{catcher}$"]))
-        runs.append((targets, select(include, exclude)))
+            # A unit test's executable is a target of its own name, built alone when it runs alone.
+            alone = [catcher] if catcher.startswith("test-") else targets
+            rest = "|".join(filter(None, [exclude, f"^{catcher}$"]))
+            runs = [(alone, select(f"^{catcher}$", "")), (targets, select(include, rest))]
         for build_targets, selection in runs:
             if run(["cmake", "--build", str(folder), "--target", *build_targets], log, 3600) != 0:
                 return "no-build", stage, ""
@@ -153,12 +150,11 @@ def main():
     with open(BUILD / "clean.log", "w") as log:
         for stage in [s for s in used if any(s in stages_of(f) for f in faults)]:
             folder, options, targets, include, exclude = STAGES[stage]
-            selection = select(include, exclude)
             if (run(["cmake", "-S", ".", "-B", str(folder), "-G", "Ninja", *options,
                      f"-DTESSIVANE_SERVICE_ORIGIN=https://127.0.0.1:{port}",
                      "-DTESSIVANE_BUILD_TESTS=ON"], log, 600) != 0
                     or run(["cmake", "--build", str(folder), "--target", *targets], log, 3600) != 0
-                    or ctest(folder, selection, log)):
+                    or ctest(folder, select(include, exclude), log)):
                 print(f"the tests fail without any fault: see {BUILD / 'clean.log'}")
                 return 1
             tests[stage] = re.findall(r"Test +#\d+: (\S+)", (BUILD / "ctest.out").read_text())
@@ -166,8 +162,7 @@ def main():
     counts, started = {}, time.monotonic()
     for fault in faults:
         equivalent = fault["result"].startswith("equivalent")
-        stages = stages_of(fault)
-        start, file = time.monotonic(), SOURCE / fault["path"]
+        stages, start, file = stages_of(fault), time.monotonic(), SOURCE / fault["path"]
         original = file.read_bytes()
         text = original.decode()
         if equivalent and not only or not set(stages) <= set(used):
@@ -188,8 +183,7 @@ def main():
             verdict, stage = "equivalent", ""
         elif args.record and verdict != "skipped":
             record(blocks, fault, result)
-        key = (fault["group"], verdict, stage)
-        counts[key] = counts.get(key, 0) + 1
+        counts[fault["group"], verdict, stage] = counts.get((fault["group"], verdict, stage), 0) + 1
         print(f"{fault['id']:5} {result:40} {time.monotonic() - start:5.0f} s  {fault['what']}",
               flush=True)
 

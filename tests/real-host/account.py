@@ -11,16 +11,13 @@ EMAIL, PASSWORD, NAME = "demo@tessivane.dev", "tessivane-demo", "Demo Streamer"
 def sign_in(host):
     """Signs in with the demo account; leaves the session token in host.token."""
     print("account: the five docks stand signed out, and the demo account signs in", flush=True)
-    for title in DOCKS:
-        wait_for(f"dock \"{title}\" is showing", lambda: showing(host.dock(title)))
+    wait_for("the five docks are showing", lambda: all(showing(host.dock(t)) for t in DOCKS))
     password, email = host.sign_in_form()
     host.screenshot("docks.png")
     email.queryEditableText().setTextContents(EMAIL)
     password.queryEditableText().setTextContents(PASSWORD)
     press(host.one("button", "Sign In"))
     wait_for(f"the account page shows \"{NAME}\"", lambda: host.shown("label", NAME))
-    # A password field hides its text from the bus but tells its length.
-    check(password.queryText().characterCount == 0, "the password field was cleared")
     with host.alone(DOCKS[0]):
         host.look(DOCKS[0])
         host.screenshot("account.png")
@@ -38,6 +35,4 @@ def sign_out(host):
     wait_for("the settings file no longer holds sessionToken",
              lambda: "sessionToken" not in read(host.settings))
     check(host.ask_service("/api/me", host.token)[0] == 401, "the service ended the session")
-    saved = host.streaming_service()["settings"]
-    check(saved.get("server", "") == saved.get("key", "") == "", "OBS keeps no server and no key")
     host.exit_obs()

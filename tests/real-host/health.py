@@ -5,7 +5,7 @@ steps later, stopped."""
 import re
 import subprocess
 
-from host import check, find, press, showing, wait_for
+from host import check, press, wait_for
 
 DOCK = "Tessivane Stream Health"
 
@@ -31,24 +31,13 @@ def start(host):
         saved := host.streaming_service())["type"] == "rtmp_custom"
         and saved["settings"].items() >= settings.items())
     press(host.one("button", "Start Streaming", DOCK))
-    # OBS says in a message box when the ingest refuses the stream.
-    outcome = wait_for("OBS streams, or says why not", lambda: host.shown(
-        "button", "Stop Streaming", DOCK) or [box for box in host.app if showing(box)
-                                              and box.getRoleName() == "alert"], 40)
-    if outcome[0].getRoleName() == "alert":
-        text = " ".join(label.name for label in find(outcome[0], "label"))
-        press(find(outcome[0], "button")[0])
-        raise AssertionError(f"OBS did not stream: {text}")
+    # Should the ingest refuse the stream, OBS's box saying why is in the failure's dump.
+    host.one("button", "Stop Streaming", DOCK, timeout=40)
     check(reaches_ingest(host), "the RTMP server hands on the stream")
     wait_for("the service was told the stream is on", lambda: "live" in platform_states(host))
     wait_for("the dock shows an upload rate above zero", lambda: any(
         re.fullmatch(r"\d+\.\d\d Mbps", label.name) and float(label.name.split()[0]) > 0
         for label in host.shown("label", dock=DOCK)))
-    check(any(label.name in ("Excellent", "Good", "Needs attention")
-              for label in host.shown("label", dock=DOCK)), "and a verdict")
-    live = platform_states(host).count("live")
-    wait_for(f"the platforms line counts the {live} live channels", lambda: any(
-        label.name.startswith(f"{live} live / ") for label in host.shown("label", dock=DOCK)))
     with host.alone(DOCK):
         host.look(DOCK)
         host.screenshot("health.png")
@@ -56,6 +45,5 @@ def start(host):
 
 def stop(host):
     press(host.one("button", "Stop Streaming", DOCK))
-    wait_for("Stop Streaming ends the stream", lambda: host.shown(
-        "button", "Start Streaming", DOCK))
+    host.one("button", "Start Streaming", DOCK)
     wait_for("the service was told the stream is off", lambda: "live" not in platform_states(host))

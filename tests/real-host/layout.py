@@ -33,13 +33,11 @@ def overlaps(nodes):
 def in_view(host):
     """The Chat dock's send row and the Channels dock's heading and buttons stand whole inside
     their docks, however short the docks are."""
-    chat, channels = host.body(CHAT), host.body(CHANNELS)
-    wanted = [(chat, host.shown("combo box", dock=CHAT)[0]), (chat, host.shown("text", dock=CHAT)[0]),
-              (chat, host.shown("button", "Send", CHAT)[0]),
-              (channels, host.shown("label", "Your Channels", CHANNELS)[0]),
-              (channels, host.shown("button menu", "+ Add Channel", CHANNELS)[0]),
-              (channels, host.shown("button", "Refresh", CHANNELS)[0])]
-    return all(inside(node, body) for body, node in wanted)
+    wanted = [(CHAT, "combo box", None), (CHAT, "text", None), (CHAT, "button", "Send"),
+              (CHANNELS, "label", "Your Channels"), (CHANNELS, "button menu", "+ Add Channel"),
+              (CHANNELS, "button", "Refresh")]
+    return all(inside(host.shown(role, name, dock)[0], host.body(dock))
+               for dock, role, name in wanted)
 
 
 def run(host):

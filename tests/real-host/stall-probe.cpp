@@ -18,15 +18,6 @@ constexpr qint64 reportedMs = 3;
 QTimer *probe = nullptr;
 QFile *qtLog = nullptr;
 QtMessageHandler obsHandler = nullptr;
-
-void noteQtMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
-{
-    if (type != QtDebugMsg && type != QtInfoMsg && qtLog)
-        qtLog->write(QByteArray(context.category) + ": " + message.toUtf8().replace('\n', ' ') +
-                     '\n');
-    if (obsHandler)
-        obsHandler(type, context, message);
-}
 } // namespace
 
 bool obs_module_load(void)
@@ -37,17 +28,21 @@ bool obs_module_load(void)
     if (!log->open(QIODevice::Append | QIODevice::Unbuffered) ||
         !qtLog->open(QIODevice::Append | QIODevice::Unbuffered))
         return false;
-    obsHandler = qInstallMessageHandler(noteQtMessage);
+    obsHandler = qInstallMessageHandler(
+        [](QtMsgType type, const QMessageLogContext &context, const QString &message) {
+            if (type != QtDebugMsg && type != QtInfoMsg && qtLog)
+                qtLog->write(QByteArray(context.category) + ": " +
+                             message.toUtf8().replace('\n', ' ') + '\n');
+            if (obsHandler)
+                obsHandler(type, context, message);
+        });
     QElapsedTimer clock;
     clock.start();
-    auto write = [log](qint64 at, qint64 lateness) {
-        log->write(QByteArray::number(at) + ' ' + QByteArray::number(lateness) + '\n');
-    };
-    write(clock.msecsSinceReference(), 0);
-    QObject::connect(probe, &QTimer::timeout, [clock, write]() mutable {
-        const qint64 lateness = clock.restart() - intervalMs;
-        if (lateness > reportedMs)
-            write(clock.msecsSinceReference(), lateness);
+    log->write(QByteArray::number(clock.msecsSinceReference()) + " 0\n");
+    QObject::connect(probe, &QTimer::timeout, [clock, log]() mutable {
+        if (const qint64 lateness = clock.restart() - intervalMs; lateness > reportedMs)
+            log->write(QByteArray::number(clock.msecsSinceReference()) + ' ' +
+                       QByteArray::number(lateness) + '\n');
     });
     probe->setTimerType(Qt::PreciseTimer);
     probe->start(intervalMs);

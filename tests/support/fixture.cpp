@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 #include "fixture.h"
 
+#include <QDesktopServices>
 #include <QFile>
 #include <QInputDialog>
+#include <QLineEdit>
+#include <QListWidget>
 #include <QMetaEnum>
 #include <QSslCertificate>
 #include <QSslKey>
@@ -38,24 +41,19 @@ ScriptedService::ScriptedService(QObject *parent) : QObject(parent)
             return held_.push_back(std::move(responder));
         QHttpHeaders headers;
         headers.append(QHttpHeaders::WellKnownHeader::ContentType, "application/json");
-        if (!locations.value(target).isEmpty())
-            headers.append(QHttpHeaders::WellKnownHeader::Location, locations.value(target));
+        if (!reply.location.isEmpty())
+            headers.append(QHttpHeaders::WellKnownHeader::Location, reply.location);
         responder.write(reply.body, headers, QHttpServerResponder::StatusCode(reply.status));
     });
 }
 
-QSslConfiguration ScriptedService::tls()
-{
-    QSslConfiguration config;
-    config.setLocalCertificateChain(QSslCertificate::fromData(readFile("server.pem")));
-    config.setPrivateKey(QSslKey(readFile("server-key.pem"), QSsl::Ec));
-    return config;
-}
-
 bool ScriptedService::listen(quint16 port)
 {
+    QSslConfiguration tls;
+    tls.setLocalCertificateChain(QSslCertificate::fromData(readFile("server.pem")));
+    tls.setPrivateKey(QSslKey(readFile("server-key.pem"), QSsl::Ec));
     auto *server = new QSslServer(this);
-    server->setSslConfiguration(tls());
+    server->setSslConfiguration(tls);
     if (!server->listen(QHostAddress::LocalHost, port)) {
         qWarning("Cannot listen on 127.0.0.1:%d: %s", port, qPrintable(server->errorString()));
         return false;
@@ -70,6 +68,8 @@ QUrl ScriptedService::baseUrl() const
 
 ControllerTest::ControllerTest()
 {
+    for (const char *scheme : {"https", "file"})
+        QDesktopServices::setUrlHandler(scheme, this, "openUrl");
     // Modal boxes run event loops of their own: a timer of the test's answers them there.
     connect(&modalTimer_, &QTimer::timeout, this, [this]() {
         static QPointer<QWidget> answered;
@@ -107,12 +107,11 @@ void ControllerTest::init()
         "^(?!This plugin does not support|HTTP header value contained illegal)"));
     hostDouble::reset();
     QFile::remove(store().fileName());
-    service_.requests.clear();
-    service_.replies.clear();
-    service_.locations.clear();
-    service_.fallback = {};
+    service_.reset();
     modals_.clear();
     answer_ = {};
+    opened_.clear();
+    QVERIFY(restart());
 }
 
 void ControllerTest::cleanup()
@@ -133,10 +132,9 @@ QStringList ControllerTest::wire()
 
 QList<QByteArray> ControllerTest::settledTargets()
 {
-    TessivaneTestAccess::settle(api());
     QList<QByteArray> targets;
-    for (const ScriptedService::Request &request : std::as_const(service_.requests))
-        targets.append(request.target);
+    for (const QString &line : wire())
+        targets.append(line.section(' ', 1, 1).toUtf8());
     std::sort(targets.begin(), targets.end());
     return targets;
 }
@@ -147,4 +145,21 @@ bool ControllerTest::docksShown()
     return !ids.isEmpty() && std::all_of(ids.begin(), ids.end(), [](const QString &id) {
         return hostDouble::dock(id)->isVisibleTo(hostDouble::mainWindow());
     });
+}
+
+QStringList ControllerTest::texts(QWidget *root)
+{
+    QStringList texts;
+    for (QWidget *widget : root->findChildren<QWidget *>()) {
+        if (auto *label = qobject_cast<QLabel *>(widget))
+            texts << label->text();
+        else if (auto *button = qobject_cast<QAbstractButton *>(widget))
+            texts << button->text();
+        else if (auto *edit = qobject_cast<QLineEdit *>(widget))
+            texts << edit->text();
+        else if (auto *list = qobject_cast<QListWidget *>(widget))
+            for (int i = 0; i < list->count(); ++i)
+                texts << list->item(i)->text();
+    }
+    return texts;
 }

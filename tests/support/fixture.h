@@ -38,20 +38,18 @@ public:
     struct Reply {
         int status = 200; // 0: never answered
         QByteArray body = "{}";
+        QByteArray location = {}; // a Location header, for redirects
     };
     static constexpr int hold = 0;
 
     explicit ScriptedService(QObject *parent = nullptr);
-    bool listen(quint16 port = 0);  // 0 picks a free one
-    static QSslConfiguration tls(); // the development service's certificate and key
+    bool listen(quint16 port = 0); // 0 picks a free one
     QUrl baseUrl() const;
-
     // The answer to each request for a target; others get `fallback`.
     QHash<QByteArray, Reply> replies;
     Reply fallback;
-    // A Location header for the answer to a target, for redirects.
-    QHash<QByteArray, QByteArray> locations;
     QList<Request> requests;
+    void reset() { requests.clear(), replies.clear(), fallback = {}; }
 
 private:
     QHttpServer http_;
@@ -66,26 +64,17 @@ struct TessivaneTestAccess {
         return {controller.accountStatusLabel_->text(), controller.streamInfoStatusLabel_->text(),
                 controller.updateStatusLabel_->text()};
     }
-
     // Waits until no request of the client is in flight, so that the service has seen all of
     // them: a test then compares the exact list instead of sleeping.
     static bool settle(TessivaneApi &api)
     {
-        return QTest::qWaitFor([&]() { return running(&api.manager_) == 0; });
+        return QTest::qWaitFor([&]() {
+            const QList<QNetworkReply *> replies = api.manager_.findChildren<QNetworkReply *>();
+            return std::none_of(replies.begin(), replies.end(),
+                                [](QNetworkReply *reply) { return reply->isRunning(); });
+        });
     }
     static QObject *manager(TessivaneApi &api) { return &api.manager_; }
-    static QNetworkRequest requestFor(TessivaneApi &api, const QString &path)
-    {
-        return api.requestFor(path);
-    }
-    // The requests in flight among the children of a network manager (or of their owner).
-    static qsizetype running(const QObject *owner)
-    {
-        const QList<QNetworkReply *> replies = owner->findChildren<QNetworkReply *>();
-        return std::count_if(replies.begin(), replies.end(),
-                             [](QNetworkReply *reply) { return reply->isRunning(); });
-    }
-    static int liveReplies(TessivaneApi &api) { return api.manager_.children().size(); }
 };
 
 class ControllerTest : public QObject {
@@ -93,6 +82,8 @@ class ControllerTest : public QObject {
 
 public:
     ControllerTest();
+    // Where QDesktopServices hands the addresses and files the plug-in opens.
+    Q_SLOT void openUrl(const QUrl &url) { opened_ << url; }
 
 protected:
     ScriptedService service_;
@@ -102,18 +93,25 @@ protected:
     // and a dialog is cancelled.
     QStringList modals_;
     std::function<void(QDialog *)> answer_;
+    QList<QUrl> opened_;
 
-    bool start() { return (controller_ = new TessivaneController)->initialize(); }
+    // Each test begins with a controller started; one that sets the stage first starts anew.
+    bool restart()
+    {
+        delete controller_;
+        return (controller_ = new TessivaneController)->initialize();
+    }
     TessivaneApi &api() { return TessivaneTestAccess::api(*controller_); }
     // The requests once the client is quiet, as "METHOD target body", sorted: several sent at
     // once arrive in any order.
     QStringList wire();
     QList<QByteArray> settledTargets();
-    // The status lines: the general one, the stream one and the update one.
     QStringList statusLines() const { return TessivaneTestAccess::statusLines(*controller_); }
     static bool docksShown();
     static QSettings store() { return QSettings("Tessivane", "OBS Plugin"); }
     static QWidget *panel(const char *id) { return hostDouble::dock(id)->widget(); }
+    // What the widgets under root show: labels, buttons, fields and list rows.
+    static QStringList texts(QWidget *root);
     template <typename T> static T *withText(QWidget *root, const QString &text)
     {
         const QList<T *> widgets = root->findChildren<T *>();

@@ -47,7 +47,6 @@ void record(const QString &call)
 {
     host.calls.append(call);
 }
-
 } // namespace
 
 namespace hostDouble {
@@ -123,36 +122,6 @@ void blog(int log_level, const char *format, ...)
     record(QStringLiteral("blog %1 %2").arg(QLatin1String(level), QString::fromUtf8(buffer)));
 }
 
-lookup_t *obs_module_load_locale(obs_module_t *, const char *default_locale, const char *locale)
-{
-    record(QStringLiteral("load_locale %1 %2").arg(default_locale, locale));
-    return new text_lookup;
-}
-
-void text_lookup_destroy(lookup_t *lookup)
-{
-    record(QString::fromLatin1(lookup ? "lookup_destroy" : "lookup_destroy null"));
-    delete lookup;
-}
-
-bool text_lookup_getstr(lookup_t *, const char *lookup_val, const char **)
-{
-    record(QStringLiteral("lookup_getstr ") + QString::fromUtf8(lookup_val));
-    return false;
-}
-
-void obs_frontend_add_event_callback(obs_frontend_event_cb callback, void *private_data)
-{
-    record(QStringLiteral("add_event_callback"));
-    host.callbacks.append({callback, private_data});
-}
-
-void obs_frontend_remove_event_callback(obs_frontend_event_cb callback, void *private_data)
-{
-    record(QStringLiteral("remove_event_callback"));
-    host.callbacks.removeOne(qMakePair(callback, private_data));
-}
-
 bool obs_frontend_add_dock_by_id(const char *id, const char *title, void *widget)
 {
     const QString name = QString::fromUtf8(id);
@@ -169,66 +138,50 @@ bool obs_frontend_add_dock_by_id(const char *id, const char *title, void *widget
     return true;
 }
 
-void *obs_frontend_get_main_window(void)
-{
-    record(QStringLiteral("get_main_window"));
-    return hostDouble::mainWindow();
-}
-
-void obs_frontend_remove_dock(const char *id)
-{
-    record(QStringLiteral("remove_dock ") + QString::fromUtf8(id));
-    delete hostDouble::dock(QString::fromUtf8(id));
-}
-
-obs_data_t *obs_data_create(void)
-{
-    record(QStringLiteral("data_create"));
-    return new obs_data;
-}
-
-void obs_data_set_string(obs_data_t *data, const char *name, const char *val)
-{
-    record(QStringLiteral("data_set_string ") + QString::fromUtf8(name));
-    data->values[QString::fromUtf8(name)] = QString::fromUtf8(val);
-}
-
-void obs_data_set_bool(obs_data_t *data, const char *name, bool val)
-{
-    record(QStringLiteral("data_set_bool %1 %2").arg(name, val ? "true" : "false"));
-    data->values[QString::fromUtf8(name)] = val;
-}
-
-obs_service_t *obs_service_create(const char *id, const char *name, obs_data_t *settings,
-                                  obs_data_t *hotkey_data)
-{
-    record(QStringLiteral("service_create %1 %2%3").arg(id, name, hotkey_data ? " hotkeys" : ""));
-    return host.streaming.refuseService ? nullptr : new obs_service{settings->values};
-}
-
-void obs_frontend_set_streaming_service(obs_service_t *service)
-{
-    record(QStringLiteral("set_streaming_service"));
-    host.current = service->settings;
-}
-
-const char *config_get_string(config_t *config, const char *section, const char *name)
-{
-    record(QStringLiteral("config_get_string %1 %2").arg(section, name));
-    const bool known = !qstrcmp(section, "BasicWindow") && !qstrcmp(name, "DockState");
-    return known && !config->dockState.isEmpty() ? config->dockState.constData() : nullptr;
-}
-
 // OBS 31's: the plug-in finds it only in a test executable that exports it.
 Q_DECL_EXPORT config_t *obs_frontend_get_user_config(void);
 
-// The host functions that only record their call and answer from the knobs, one a line.
+// Each host function records its call, then does what the host would and answers from the knobs.
 #define HOST_CALL(type, function, params, call, answer)                                            \
     type function params                                                                           \
     {                                                                                              \
-        record(QStringLiteral(call));                                                              \
+        record(call);                                                                              \
         return answer;                                                                             \
     }
+using Q = QString;
+HOST_CALL(lookup_t *, obs_module_load_locale,
+          (obs_module_t *, const char *default_locale, const char *locale),
+          Q("load_locale %1 %2").arg(default_locale, locale), new text_lookup)
+HOST_CALL(void, text_lookup_destroy, (lookup_t * lookup),
+          lookup ? "lookup_destroy" : "lookup_destroy null", delete lookup)
+HOST_CALL(bool, text_lookup_getstr, (lookup_t *, const char *lookup_val, const char **),
+          "lookup_getstr " + Q(lookup_val), false)
+HOST_CALL(void, obs_frontend_add_event_callback, (obs_frontend_event_cb callback, void *data),
+          "add_event_callback", host.callbacks.append({callback, data}))
+HOST_CALL(void, obs_frontend_remove_event_callback, (obs_frontend_event_cb callback, void *data),
+          "remove_event_callback", void(host.callbacks.removeOne(qMakePair(callback, data))))
+HOST_CALL(void *, obs_frontend_get_main_window, (void), "get_main_window", hostDouble::mainWindow())
+HOST_CALL(void, obs_frontend_remove_dock, (const char *id), "remove_dock " + Q(id),
+          delete hostDouble::dock(id))
+HOST_CALL(obs_data_t *, obs_data_create, (void), "data_create", new obs_data)
+HOST_CALL(void, obs_data_set_string, (obs_data_t * data, const char *name, const char *val),
+          "data_set_string " + Q(name), void(data->values[name] = Q(val)))
+HOST_CALL(void, obs_data_set_bool, (obs_data_t * data, const char *name, bool val),
+          Q("data_set_bool %1 %2").arg(name, val ? "true" : "false"),
+          void(data->values[name] = val))
+HOST_CALL(obs_service_t *, obs_service_create,
+          (const char *id, const char *name, obs_data_t *settings, obs_data_t *hotkey_data),
+          Q("service_create %1 %2%3").arg(id, name, hotkey_data ? " hotkeys" : ""),
+          host.streaming.refuseService ? nullptr : new obs_service{settings->values})
+HOST_CALL(void, obs_frontend_set_streaming_service, (obs_service_t * service),
+          "set_streaming_service", void(host.current = service->settings))
+HOST_CALL(const char *, config_get_string,
+          (config_t * config, const char *section, const char *name),
+          Q("config_get_string %1 %2").arg(section, name),
+          !qstrcmp(section, "BasicWindow") && !qstrcmp(name, "DockState") &&
+                  !config->dockState.isEmpty()
+              ? config->dockState.constData()
+              : nullptr)
 HOST_CALL(void, obs_data_release, (obs_data_t * data), "data_release", delete data)
 HOST_CALL(void, obs_service_release, (obs_service_t * service), "service_release", delete service)
 HOST_CALL(void, obs_frontend_save_streaming_service, (void), "save_streaming_service",
