@@ -233,6 +233,8 @@ private Q_SLOTS:
         QCOMPARE(texts(panel("tessivane.stream-information")).contains(text), streamInfo);
         QCOMPARE(check->isEnabled(), update);
         QCOMPARE(texts(account).contains("Update check failed. Try again later."), update);
+        // The docks recover with the next poll.
+        QCOMPARE(activeTimers(*controller_), QList<int>({2000, 10000, 21600000}));
     }
 };
 
