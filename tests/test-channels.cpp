@@ -7,6 +7,7 @@
 #include <QJsonDocument>
 #include <QMenu>
 #include <QPushButton>
+#include <QStyleOptionButton>
 #include <QToolButton>
 
 class TestChannels : public ControllerTest {
@@ -36,8 +37,15 @@ private Q_SLOTS:
             {"id":-1e300}])"),
                  "1 of 5 selected/Tw  |  On/kick  |  Offline/Platform  |  Offline/Platform  |  "
                  "Offline/Platform  |  Offline/A/kick/%2/Platform/Platform");
-        for (QCheckBox *toggle : dock()->findChildren<QCheckBox *>())
+        for (QCheckBox *toggle : dock()->findChildren<QCheckBox *>()) {
+            // The switch is a pill, wider than high.
+            QStyleOptionButton option;
+            option.initFrom(toggle);
+            const QRect pill =
+                toggle->style()->subElementRect(QStyle::SE_CheckBoxIndicator, &option, toggle);
+            QVERIFY(pill.width() >= pill.height() + 8);
             toggle->click();
+        }
         // A name from the service shows as it is, markup and all.
         render(R"([{"name":"<b>B</b>"}])");
         QLabel *markup = withText<QLabel>(dock(), "<b>B</b>");
