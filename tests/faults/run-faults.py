@@ -19,7 +19,6 @@ import signal
 import subprocess
 import sys
 import time
-import zlib
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
@@ -120,7 +119,7 @@ def main():
         parser.add_argument(flag, action="store_true")
     parser.add_argument("--only", help="comma-separated fault ids")
     parser.add_argument("--port", type=int, help="the builds' service origin's port (default: "
-                        "derived from the checkout's path, so that checkouts never collide)")
+                        "the fourth of the checkout's ports, see scripts/port)")
     args = parser.parse_args()
     blocks, faults = parse()
     only = args.only.split(",") if args.only else []
@@ -143,7 +142,7 @@ def main():
         seeded.unlink()
         print(f"put {path.decode()} back as it was before the last run")
 
-    port = args.port or 20000 + zlib.crc32(str(SOURCE).encode()) % 12000
+    port = args.port or int(subprocess.check_output([SOURCE / "scripts/port"])) + 3
     used = ["unit"] + ["sanitize"] * args.sanitize + ["real-host"] * args.real_host
     stages_of = lambda fault: ["real-host"] if fault["stage"] == "real-host" else used
     tests = {}
