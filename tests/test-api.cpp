@@ -77,7 +77,7 @@ const std::vector<Endpoint> &endpoints()
          "POST /api/connections/kick/start {}", R"({"url":7})",
          {"requestFailed Connect kick No authorization URL was returned."}},
         {"connect to an insecure page", [](A &api) { api.startProviderConnection("kick"); },
-         "Connect kick", "POST /api/connections/kick/start {}", R"({"url":"http://x/a"})",
+         "Connect kick", "POST /api/connections/kick/start {}", R"({"url":"file:///x/a"})",
          {"requestFailed Connect kick The authorization address is not secure; it was not opened."}},
         {"remove", [](A &api) { api.removeChannel("a%b"); }, "Remove channel",
          "POST /api/channels/a%2525b/remove {}", "{}", {"channelsLoaded [] {}"}},

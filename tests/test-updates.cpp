@@ -104,7 +104,7 @@ private Q_SLOTS:
             QCryptographicHash::hash(installer, QCryptographicHash::Sha256).toHex();
         const QString sha = " " + digest.toUpper() + " ";
         const Download rows[] = {
-            {"%1/i.pkg", sha, " i.pkg ", 0, 0, "", "none", verified, ""},
+            {"%1/i.pkg", sha, " i.pkg ", 25, 0, "", "none", verified, ""},
             {"%1/x", sha, "i.pkg", 26, 302, "%1/i.pkg", "stale", verified, ""},
             {"%1/i.pkg", sha, "i.pkg", 0, 0, "", "open to all", verified, ""},
             {"%1/i.pkg", sha, "i.pkg", 0, 0, "", "planted link", verified, ""},
