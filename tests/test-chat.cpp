@@ -41,24 +41,27 @@ private Q_SLOTS:
         QVERIFY(!in<QLineEdit>()->isEnabled() && !in<QPushButton>()->isEnabled());
         const QByteArray feed =
             R"([{"provider":"YouTube","channel":"C","author":"A","text":"%2 %1"},
-            {"provider":"twitch","author":"B"}, {"provider":"KICK"}, {"provider":"facebook"}, 4)" +
+            {"provider":"twitch","author":"B"}, {"provider":"KICK"}, {"provider":"facebook"},
+            {"provider":"<i>"})" +
             QByteArray(",5").repeated(55) + "]";
         // Badges are painted once per platform: these come first, out of the table's order.
         reply(R"([{"provider":"kick"},{"provider":"Instagram"}])", "[]");
         reply(feed, "[]");
         QCOMPARE(rows().mid(0, 5),
                  QStringList({"C • A: %2 %1", " • B: ", " • : ", " • : ", " • : "}));
-        // Per row: the tool tip, the badge's colour and its glyph's.
-        const char *looks[] = {"YOUTUBE", "#ff0033", "#fff",    "TWITCH",  "#9146ff",
-                               "#fff",    "KICK",    "#53fc18", "#000",    "FACEBOOK",
-                               "#34e6bd", "#fff",    "",        "#34e6bd", "#fff"};
+        // Per row: the tool tip, never markup, the badge's colour and its glyph's.
+        const char *looks[][3] = {{"YOUTUBE", "#ff0033", "#fff"},
+                                  {"TWITCH", "#9146ff", "#fff"},
+                                  {"KICK", "#53fc18", "#000"},
+                                  {"FACEBOOK", "#34e6bd", "#fff"},
+                                  {"<p>&lt;I&gt;</p>", "#34e6bd", "#fff"}};
         for (int i = 0; i < 5; ++i) {
-            QCOMPARE(in<QListWidget>()->item(i)->toolTip(), looks[3 * i]);
+            QCOMPARE(in<QListWidget>()->item(i)->toolTip(), looks[i][0]);
             const QImage icon = in<QListWidget>()->item(i)->icon().pixmap(20, 20).toImage();
             const QRgb *pixels = reinterpret_cast<const QRgb *>(icon.constBits());
             QCOMPARE(icon.pixelColor(0, 0).alpha() + icon.pixelColor(19, 10).alpha(), 0);
-            QCOMPARE(icon.pixelColor(10, 2), QColor(looks[3 * i + 1]));
-            QVERIFY(std::count(pixels, pixels + 400, QColor(looks[3 * i + 2]).rgba()) > 5);
+            QCOMPARE(icon.pixelColor(10, 2), QColor(looks[i][1]));
+            QVERIFY(std::count(pixels, pixels + 400, QColor(looks[i][2]).rgba()) > 5);
         }
         QScrollBar *scroll = in<QListWidget>()->verticalScrollBar();
         QVERIFY(scroll->maximum() > 0 && scroll->value() == scroll->maximum());
