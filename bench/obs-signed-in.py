@@ -127,7 +127,8 @@ def run(args, number):
                        if not key.startswith(("XDG_", "WAYLAND", "QT_"))}
                 env.update(HOME=str(home), DISPLAY=display, QT_QPA_PLATFORM="xcb",
                            LANG="C.UTF-8", LIBGL_ALWAYS_SOFTWARE="1",
-                           TESSIVANE_STALL_LOG=str(home / "stalls.txt"))
+                           TESSIVANE_STALL_LOG=str(home / "stalls.txt"),
+                           TESSIVANE_QT_LOG=str(home / "qt-warnings.txt"))
                 procs[name] = session.start(f"obs-{name}", [
                     SOURCE / "devservice/with-dev-ca", "obs", "--disable-shutdown-check",
                     "--multi", "-qwindowgeometry", f"1600x1000+{1600 * place}+0"], env)
@@ -200,8 +201,9 @@ def main():
                         help="the build folder with the module, the service and the probe")
     parser.add_argument("--module", type=Path,
                         help="the plug-in to measure (default: the build's), e.g. an older build")
-    parser.add_argument("--port", type=int, default=18797,
-                        help="the port of the service origin the module was built for")
+    parser.add_argument("--port", type=int,
+                        help="the port of the service origin the module was built for "
+                             "(default: the build's)")
     parser.add_argument("--work", default=SOURCE / "build/obs-signed-in",
                         help="folder for the homes and logs")
     parser.add_argument("--runs", type=int, default=1)
@@ -213,6 +215,9 @@ def main():
                         help="save the screen at the end of each run as screen.png")
     args = parser.parse_args()
     args.build = args.build.resolve()
+    if args.port is None:
+        args.port = int(re.search(r"^TESSIVANE_SERVICE_ORIGIN:\w+=https://[^:]+:(\d+)", (
+            args.build / "CMakeCache.txt").read_text(), re.M)[1])
     args.module = (args.module or args.build / "tessivane.so").resolve()
     print("run  UI-thread CPU % (stat / schedstat)  resident MiB (anonymous)  longest stall ms"
           "  chat polls  longest near a poll ms", flush=True)
