@@ -22,6 +22,13 @@ constexpr QLatin1String settingsOrganization("Tessivane");
 constexpr QLatin1String settingsApplication("OBS Plugin");
 constexpr QLatin1String sessionTokenKey("sessionToken");
 
+// The name the account goes by on the docks: its name, or else its address.
+QString accountName(const QJsonObject &account)
+{
+    const QString name = account.value(QStringLiteral("name")).toString().trimmed();
+    return name.isEmpty() ? account.value(QStringLiteral("email")).toString().trimmed() : name;
+}
+
 QString planText(const QJsonValue &plan)
 {
     if (plan.isObject())
@@ -47,10 +54,13 @@ QWidget *TessivaneController::buildAccountDock()
     signInLayout->addWidget(
         muted(QStringLiteral("Sign in with the same Tessivane account you use on the website."),
               signInPage));
+    // A screen reader takes a placeholder for a description only: each field is named as well.
     emailEdit_ = new QLineEdit(signInPage);
+    emailEdit_->setAccessibleName(QStringLiteral("E-mail"));
     emailEdit_->setPlaceholderText(QStringLiteral("Email address"));
     signInLayout->addWidget(emailEdit_);
     passwordEdit_ = new QLineEdit(signInPage);
+    passwordEdit_->setAccessibleName(QStringLiteral("Password"));
     passwordEdit_->setPlaceholderText(QStringLiteral("Password"));
     passwordEdit_->setEchoMode(QLineEdit::Password);
     signInLayout->addWidget(passwordEdit_);
@@ -80,8 +90,9 @@ QWidget *TessivaneController::buildAccountDock()
     layout->addWidget(accountStack_);
     layout->addStretch(1);
 
-    connect(signInButton, &QPushButton::clicked, this, [this]() {
+    connect(signInButton, &QPushButton::clicked, this, [this, signInButton]() {
         accountStatusLabel_->setText(QStringLiteral("Signing in..."));
+        announce(signInButton, accountStatusLabel_->text());
         api_.login(emailEdit_->text(), passwordEdit_->text());
     });
     // Return in the password field signs in; the e-mail field has no such shortcut.
@@ -134,11 +145,19 @@ void TessivaneController::setSignedInUi(bool signedIn)
         accountStatusLabel_->setText(QString());
         return;
     }
-    const QString name = account_.value(QStringLiteral("name")).toString().trimmed();
     const QString email = account_.value(QStringLiteral("email")).toString().trimmed();
-    accountNameLabel_->setText(shownText(name.isEmpty() ? email : name));
+    accountNameLabel_->setText(shownText(accountName(account_)));
     QString plan = planText(account_.value(QStringLiteral("plan")));
     if (plan.isEmpty())
         plan = QStringLiteral("Free");
     accountDetailLabel_->setText(shownText(QStringLiteral("%1 plan\n%2").arg(plan, email)));
+}
+
+void TessivaneController::announceSignIn(bool signedIn)
+{
+    const QString name = accountName(account_);
+    announce(accountStack_, !signedIn ? QStringLiteral("Signed out.")
+                            : name.isEmpty()
+                                ? QStringLiteral("Signed in.")
+                                : shownText(QStringLiteral("Signed in as %1.").arg(name)));
 }

@@ -17,6 +17,7 @@
 #include <QVBoxLayout>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace {
@@ -104,6 +105,61 @@ QString channelId(const QJsonValue &id)
     return QString::number(static_cast<qint64>(value));
 }
 
+// Which control of which channel's card has the focus in the dock's window, so that a rebuilt list
+// can give it back: the card's id, whether it is the remove button (or else the switch), and the
+// card's place in the list.
+struct CardFocus {
+    QString id;
+    bool removal = false;
+    int index = -1;
+};
+constexpr char cardIdProperty[] = "tessivaneChannelId";
+
+std::optional<CardFocus> focusedCard(QWidget *container)
+{
+    // The window's focus, also while a box of its own holds the keyboard.
+    QWidget *focused = container->window()->focusWidget();
+    if (!focused || !container->isAncestorOf(focused))
+        return std::nullopt;
+    QWidget *card = focused->parentWidget();
+    return CardFocus{card->property(cardIdProperty).toString(),
+                     qobject_cast<QToolButton *>(focused) != nullptr,
+                     container->layout()->indexOf(card)};
+}
+
+// The dock's last control above the list, Refresh: the cards follow it in the Tab order. Cards
+// of an earlier list that wait for their deletion are passed over.
+QWidget *controlAbove(QWidget *container)
+{
+    QWidget *control = container->previousInFocusChain();
+    while (control != container &&
+           (container->isAncestorOf(control) || !(control->focusPolicy() & Qt::TabFocus)))
+        control = control->previousInFocusChain();
+    return control;
+}
+
+// The same control of the same channel's card, or, when the channel has gone, of the card now in
+// its place or else the last; with no card left, Refresh.
+void giveFocusBack(QWidget *container, const CardFocus &focus)
+{
+    QList<QWidget *> cards;
+    for (int i = 0; i < container->layout()->count(); ++i) {
+        QWidget *card = container->layout()->itemAt(i)->widget();
+        if (card && card->property(cardIdProperty).isValid())
+            cards.append(card);
+    }
+    const auto same = std::find_if(cards.cbegin(), cards.cend(), [&focus](QWidget *card) {
+        return card->property(cardIdProperty).toString() == focus.id;
+    });
+    QWidget *card = same != cards.cend() ? *same
+                    : cards.isEmpty()    ? nullptr
+                                         : cards.value(focus.index, cards.constLast());
+    QWidget *control = !card           ? controlAbove(container)
+                       : focus.removal ? static_cast<QWidget *>(card->findChild<QToolButton *>())
+                                       : card->findChild<QCheckBox *>();
+    control->setFocus(Qt::OtherFocusReason);
+}
+
 void setChannelTextEnabled(QLabel *name, QLabel *meta, bool enabled)
 {
     name->setStyleSheet(enabled ? QStringLiteral("font-size: 14px; color: #f9fffe;")
@@ -183,7 +239,11 @@ void TessivaneController::renderChannels(const QJsonArray &channels)
         channelsContainer_ ? qobject_cast<QVBoxLayout *>(channelsContainer_->layout()) : nullptr;
     if (!list)
         return;
+    const std::optional<CardFocus> focus = focusedCard(channelsContainer_);
     clearLayout(list);
+    // The cards are made long after OBS's own widgets: chained in after Refresh, Tab reaches them
+    // in their order before the next dock.
+    QWidget *previous = controlAbove(channelsContainer_);
 
     int selectedCount = 0;
     for (const QJsonValue &value : channels) {
@@ -193,6 +253,8 @@ void TessivaneController::renderChannels(const QJsonArray &channels)
 
         QFrame *row = makePanel(channelsContainer_);
         row->setEnabled(true);
+        const QString id = channelId(channel.value(QStringLiteral("id")));
+        row->setProperty(cardIdProperty, id);
         auto *rowLayout = new QHBoxLayout(row);
         rowLayout->setContentsMargins(10, 8, 10, 8);
         rowLayout->setSpacing(9);
@@ -217,7 +279,6 @@ void TessivaneController::renderChannels(const QJsonArray &channels)
         toggle->setAccessibleName(QStringLiteral("Include %1").arg(name));
         rowLayout->addWidget(toggle);
 
-        const QString id = channelId(channel.value(QStringLiteral("id")));
         // Connected after setChecked, so a render never posts a selection.
         connect(toggle, &QCheckBox::toggled, this, [this, id, nameLabel, metaLabel](bool checked) {
             setChannelTextEnabled(nameLabel, metaLabel, checked);
@@ -229,6 +290,8 @@ void TessivaneController::renderChannels(const QJsonArray &channels)
         removeButton->setToolTip(QStringLiteral("Remove this connected channel"));
         removeButton->setAccessibleName(QStringLiteral("Remove %1").arg(name));
         rowLayout->addWidget(removeButton);
+        QWidget::setTabOrder({previous, toggle, removeButton});
+        previous = removeButton;
         connect(removeButton, &QToolButton::clicked, this, [this, id, name]() {
             // A reply may rebuild the list while the box is open and delete this card. So the
             // box hangs on the list's container, which renders keep, and the answer applies to
@@ -263,6 +326,8 @@ void TessivaneController::renderChannels(const QJsonArray &channels)
         list->addWidget(channelsEmptyLabel_);
     }
     list->addStretch(1);
+    if (focus)
+        giveFocusBack(channelsContainer_, *focus);
     channelsCountLabel_->setText(
         QStringLiteral("%1 of %2 selected").arg(selectedCount).arg(channels.size()));
 }

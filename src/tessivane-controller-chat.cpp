@@ -113,6 +113,12 @@ QString channelIdText(const QJsonValue &id)
         static_cast<qint64>(qBound(-9223372036854775808.0, whole, 9223372036854774784.0)));
 }
 
+// A message's id as text, whichever way the service writes it; none without one.
+QString messageId(const QJsonValue &id)
+{
+    return id.isDouble() ? QString::number(id.toDouble(), 'g', 17) : id.toString();
+}
+
 QString field(const QJsonObject &record, QLatin1String key)
 {
     return record.value(key).toString();
@@ -127,6 +133,7 @@ QWidget *TessivaneController::buildChatDock()
 
     // The feed shrinks, down to a row, so that the send row below stays in view.
     chatList_ = new QListWidget(root);
+    chatList_->setAccessibleName(QStringLiteral("Chat messages"));
     chatList_->setMinimumHeight(shortestScroll);
     chatList_->addItem(QStringLiteral("Loading connected platform chats..."));
     layout->addWidget(chatList_, 1);
@@ -134,9 +141,12 @@ QWidget *TessivaneController::buildChatDock()
     auto *sendRow = new QHBoxLayout;
     layout->addLayout(sendRow, 0);
     chatTargetCombo_ = new QComboBox(root);
+    // A box is named by its text; what it is for goes into its description.
+    chatTargetCombo_->setAccessibleDescription(QStringLiteral("Chat target"));
     chatTargetCombo_->addItem(QStringLiteral("All channels"));
     sendRow->addWidget(chatTargetCombo_, 0);
     chatInputEdit_ = new QLineEdit(root);
+    chatInputEdit_->setAccessibleName(QStringLiteral("Chat message"));
     chatInputEdit_->setPlaceholderText(QStringLiteral("Send to the selected live chat"));
     chatInputEdit_->setEnabled(false);
     sendRow->addWidget(chatInputEdit_, 1);
@@ -179,6 +189,10 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
     const bool messagesChanged =
         !chatMessagesSignature_ || !sameJson(*chatMessagesSignature_, messages);
     if (messagesChanged) {
+        // The row the streamer was reading stays the current one, found again by its message's id.
+        const QListWidgetItem *reading = chatList_->currentItem();
+        const QString readingId = reading ? reading->data(Qt::UserRole).toString() : QString();
+        QListWidgetItem *current = nullptr;
         chatList_->clear();
         for (const QJsonValue &value : messages) {
             const QJsonObject message = value.toObject();
@@ -194,8 +208,16 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
             item->setToolTip(Qt::mightBeRichText(providerUpper)
                                  ? Qt::convertFromPlainText(providerUpper)
                                  : providerUpper);
+            // The badge speaks to the eye alone: a screen reader hears the platform's name.
+            item->setData(Qt::AccessibleDescriptionRole, platformName(providerUpper.toLower()));
+            const QString id = messageId(message.value(QLatin1String("id")));
+            item->setData(Qt::UserRole, id);
             chatList_->addItem(item);
+            if (!readingId.isEmpty() && id == readingId)
+                current = item;
         }
+        if (current)
+            chatList_->setCurrentItem(current);
         chatMessagesSignature_ = messages;
     }
 
@@ -247,8 +269,9 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
                                ? QStringLiteral("Chat connected. Waiting for viewer messages.")
                                : statusLines.join(QLatin1Char('\n')));
 
-    chatInputEdit_->setEnabled(connectedCount > 0);
-    chatSendButton_->setEnabled(connectedCount > 0);
+    // A control losing its chat never hands the focus on to another action.
+    setEnabledKeepingFocus(chatInputEdit_, connectedCount > 0, chatList_);
+    setEnabledKeepingFocus(chatSendButton_, connectedCount > 0, chatList_);
 
     // Only a changed feed moves the view, so a streamer reading older messages keeps the place.
     if (messagesChanged && !messages.isEmpty())

@@ -3,6 +3,8 @@
 #include "tessivane-controller.h"
 #include "tessivane-widgets.h"
 
+#include <QAccessible>
+#include <QApplication>
 #include <QDockWidget>
 #include <QEvent>
 #include <QFrame>
@@ -85,7 +87,7 @@ QLineEdit, QTextEdit, QComboBox, QListWidget {
     padding: 9px;
     selection-background-color: #218d78;
 }
-QLineEdit:focus, QTextEdit:focus, QComboBox:focus {
+QLineEdit:focus, QTextEdit:focus, QComboBox:focus, QListWidget:focus {
     border: 1px solid #43f5ce;
 }
 QPushButton, QToolButton {
@@ -102,6 +104,10 @@ QPushButton:hover, QToolButton:hover {
 }
 QPushButton:pressed, QToolButton:pressed {
     background: rgba(20, 105, 89, 230);
+}
+QPushButton:focus, QToolButton:focus {
+    border: 2px solid #43f5ce;
+    padding: 8px 12px;
 }
 QPushButton:disabled, QToolButton:disabled {
     background: rgba(31, 45, 43, 185);
@@ -125,6 +131,11 @@ QCheckBox::indicator:checked {
     background: #35d9b7;
     border: 1px solid #75ffe1;
     border-radius: 8px;
+}
+QCheckBox::indicator:focus {
+    border: 2px solid #f9fffe;
+    width: 26px;
+    height: 14px;
 }
 QScrollArea {
     border: 0;
@@ -159,8 +170,15 @@ void showThrough(QScrollArea *scroll)
     // root's glow; and it must neither be a Tab stop nor take the focus from a field on a click.
     scroll->setFocusPolicy(Qt::NoFocus);
     scroll->viewport()->setAutoFillBackground(false);
-    if (scroll->widget())
-        scroll->widget()->setAutoFillBackground(false);
+    QWidget *content = scroll->widget();
+    content->setAutoFillBackground(false);
+    // Qt scrolls to a control only for a Tab pressed inside the area; one from the dock above, a
+    // Shift+Tab from the dock below or a focus given back after a rebuild would land out of view.
+    QObject::connect(qApp, &QApplication::focusChanged, scroll,
+                     [scroll, content](QWidget *, QWidget *now) {
+                         if (now && content->isAncestorOf(now))
+                             scroll->ensureWidgetVisible(now);
+                     });
 }
 
 QVBoxLayout *rootLayout(QWidget *root, int margin, int spacing)
@@ -239,6 +257,57 @@ QString shownText(const QString &text)
     if (end < text.size())
         shown.append(QChar(0x2026)); // ellipsis
     return shown;
+}
+
+void announce(QWidget *source, const QString &text, bool failure)
+{
+    if (!source || text.isEmpty())
+        return;
+    QAccessibleAnnouncementEvent event(source, text);
+    event.setPoliteness(failure ? QAccessible::AnnouncementPoliteness::Assertive
+                                : QAccessible::AnnouncementPoliteness::Polite);
+    QAccessible::updateAccessibility(&event);
+}
+
+void setEnabledKeepingFocus(QWidget *control, bool enabled, QWidget *holder)
+{
+    if (!control)
+        return;
+    // The window's focus, not the application's: a box or a menu may hold the keyboard meanwhile,
+    // and Qt moves the window's focus on all the same.
+    const auto holds = [](QWidget *widget) {
+        return widget && widget->window()->focusWidget() == widget;
+    };
+    constexpr char waiting[] = "tessivaneFocusWaits";
+    if (!enabled && holder && holds(control)) {
+        holder->setFocus(Qt::OtherFocusReason);
+        control->setProperty(waiting, true);
+    }
+    control->setEnabled(enabled);
+    // Back only if the streamer has not moved on meanwhile.
+    if (enabled && control->property(waiting).toBool()) {
+        control->setProperty(waiting, QVariant());
+        if (holds(holder))
+            control->setFocus(Qt::OtherFocusReason);
+    }
+}
+
+QString platformName(const QString &providerKey)
+{
+    static const struct {
+        QLatin1String key, name;
+    } names[] = {
+        {QLatin1String("twitch"), QLatin1String("Twitch")},
+        {QLatin1String("youtube"), QLatin1String("YouTube")},
+        {QLatin1String("kick"), QLatin1String("Kick")},
+        {QLatin1String("facebook"), QLatin1String("Facebook")},
+        {QLatin1String("instagram"), QLatin1String("Instagram")},
+    };
+    for (const auto &platform : names) {
+        if (providerKey == platform.key)
+            return platform.name;
+    }
+    return providerKey;
 }
 
 QFrame *TessivaneController::makePanel(QWidget *parent) const

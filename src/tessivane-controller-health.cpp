@@ -67,10 +67,15 @@ QWidget *TessivaneController::buildHealthDock()
             return;
         }
         // No start is kept pending: the user presses again once the ingest has arrived.
+        const QString preparing =
+            QStringLiteral("Preparing this account's unique stream key. Try again in a moment.");
         if (accountStatusLabel_)
-            accountStatusLabel_->setText(QStringLiteral(
-                "Preparing this account's unique stream key. Try again in a moment."));
-        if (!api_.sessionToken().isEmpty())
+            accountStatusLabel_->setText(preparing);
+        // That line stands on the sign-in page, out of sight while signed in; the streamer still
+        // hears it, and as a refusal when there is no account to ask with.
+        const bool signedIn = !api_.sessionToken().isEmpty();
+        announce(startStopButton_, preparing, !signedIn);
+        if (signedIn)
             api_.fetchIngest();
     });
     // The Account dock is built first, and its update button is wired here.

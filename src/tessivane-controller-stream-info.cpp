@@ -121,26 +121,41 @@ QWidget *TessivaneController::buildStreamInfoDock()
                                            "categories open as searchable dropdowns."),
                             root));
 
+    // Each field is named by its row's caption, which a screen reader otherwise finds only through
+    // the label; a box's own name is its text, so its purpose goes into its description.
     auto *form = new QFormLayout;
+    const auto addRow = [form](const char *caption, QWidget *field) {
+        const QString text = QString::fromLatin1(caption);
+        if (auto *box = qobject_cast<QComboBox *>(field)) {
+            box->setAccessibleDescription(text);
+            box->lineEdit()->setAccessibleName(text + QLatin1String(" search"));
+        } else {
+            field->setAccessibleName(text);
+        }
+        form->addRow(text, field);
+    };
     titleEdit_ = new QLineEdit(root);
-    form->addRow(QStringLiteral("Title"), titleEdit_);
+    addRow("Title", titleEdit_);
     descriptionEdit_ = new QTextEdit(root);
     descriptionEdit_->setMaximumHeight(90);
-    form->addRow(QStringLiteral("Description"), descriptionEdit_);
+    // Tab leaves the description as it leaves every other field: a tab character is never what a
+    // stream's description wants.
+    descriptionEdit_->setTabChangesFocus(true);
+    addRow("Description", descriptionEdit_);
     notificationEdit_ = new QLineEdit(root);
     notificationEdit_->setPlaceholderText(
         QStringLiteral("Stored in Tessivane; Twitch/Kick do not expose custom notification text"));
     notificationEdit_->setToolTip(
         QStringLiteral("Twitch and Kick control follower notifications and do not expose a custom "
                        "go-live notification field through their channel APIs."));
-    form->addRow(QStringLiteral("Tessivane go-live note"), notificationEdit_);
+    addRow("Tessivane go-live note", notificationEdit_);
     twitchCategoryCombo_ = makeCategoryBox(QStringLiteral("Type to search Twitch"), root);
-    form->addRow(QStringLiteral("Twitch category"), twitchCategoryCombo_);
+    addRow("Twitch category", twitchCategoryCombo_);
     kickCategoryCombo_ = makeCategoryBox(QStringLiteral("Type to search Kick"), root);
-    form->addRow(QStringLiteral("Kick category"), kickCategoryCombo_);
+    addRow("Kick category", kickCategoryCombo_);
     tagsEdit_ = new QLineEdit(root);
     tagsEdit_->setPlaceholderText(QStringLiteral("IRL, basketball, chill"));
-    form->addRow(QStringLiteral("Tags"), tagsEdit_);
+    addRow("Tags", tagsEdit_);
     layout->addLayout(form, 0);
 
     auto *saveButton = new QPushButton(QStringLiteral("Save Stream Information"), root);
@@ -166,6 +181,7 @@ QWidget *TessivaneController::buildStreamInfoDock()
         profile.insert(QStringLiteral("tags"), tags);
         api_.saveStreamProfile(profile);
         streamInfoStatusLabel_->setText(QStringLiteral("Saving..."));
+        announce(streamInfoStatusLabel_, streamInfoStatusLabel_->text());
     });
     // Only the streamer's typing searches: textEdited stays silent when the code sets the text.
     // Every keystroke that leaves two characters asks at once; the last reply to land wins.
@@ -223,6 +239,7 @@ void TessivaneController::showSyncResults(const QJsonArray &syncResults)
             ? QStringLiteral("Stream information pushed to %1 connected channel(s).").arg(updated)
             : QStringLiteral("Updated %1. %2")
                   .arg(QString::number(updated), failures.join(QLatin1Char(' ')))));
+    announce(streamInfoStatusLabel_, streamInfoStatusLabel_->text(), !failures.isEmpty());
 }
 
 void TessivaneController::fillCategories(const QString &provider, const QJsonArray &categories)
@@ -251,4 +268,14 @@ void TessivaneController::fillCategories(const QString &provider, const QJsonArr
                                         ? QStringLiteral("No matching %1 categories.").arg(provider)
                                         : QStringLiteral("%1 %2 category suggestions loaded.")
                                               .arg(QString::number(categories.size()), provider));
+    announce(box, streamInfoStatusLabel_->text());
+}
+
+QWidget *TessivaneController::searchingBox() const
+{
+    for (QComboBox *box : {twitchCategoryCombo_, kickCategoryCombo_}) {
+        if (box && typingIn(box))
+            return box;
+    }
+    return nullptr;
 }

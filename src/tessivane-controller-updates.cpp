@@ -82,12 +82,6 @@ void setText(QLabel *label, const QString &text)
         label->setText(text);
 }
 
-void setEnabled(QPushButton *button, bool enabled)
-{
-    if (button)
-        button->setEnabled(enabled);
-}
-
 // "v1.2.3-beta" gives 1, 2, 3: a pre-release compares equal to its release, and a piece that is
 // not a number, or too large for an int, counts as 0.
 QList<int> versionParts(const QString &version)
@@ -118,18 +112,24 @@ void TessivaneController::checkForUpdates(bool manual)
 {
     // A timer check that starts during a manual one takes the information box away from it.
     manualUpdateCheck_ = manual;
-    setEnabled(checkUpdatesButton_, false);
+    // The label says what goes on, so that is where the focus waits.
     setText(updateStatusLabel_, QStringLiteral("Checking for updates..."));
+    setEnabledKeepingFocus(checkUpdatesButton_, false, updateStatusLabel_);
     api_.fetchLatestPluginRelease();
 }
 
 void TessivaneController::handlePluginRelease(const QJsonObject &release)
 {
-    setEnabled(checkUpdatesButton_, true);
+    setEnabledKeepingFocus(checkUpdatesButton_, true, updateStatusLabel_);
     const QString version = release.value(QStringLiteral("version")).toString().trimmed();
-    if (!release.value(QStringLiteral("available")).toBool() || !isNewer(version)) {
-        setText(updateStatusLabel_,
-                QStringLiteral("Tessivane OBS Plugin v%1 is up to date.").arg(pluginVersion));
+    const bool newer = release.value(QStringLiteral("available")).toBool() && isNewer(version);
+    setText(updateStatusLabel_,
+            newer ? shownText(QStringLiteral("Version %1 is available.").arg(version))
+                  : QStringLiteral("Tessivane OBS Plugin v%1 is up to date.").arg(pluginVersion));
+    // Only the streamer's own check is told; a timer's shows on the label alone.
+    if (manualUpdateCheck_ && updateStatusLabel_)
+        announce(updateStatusLabel_, updateStatusLabel_->text());
+    if (!newer) {
         if (manualUpdateCheck_)
             ask(QMessageBox::Information, QStringLiteral("Tessivane Updates"),
                 QStringLiteral("You already have the latest version."), QMessageBox::Ok);
@@ -137,7 +137,6 @@ void TessivaneController::handlePluginRelease(const QJsonObject &release)
         return;
     }
 
-    setText(updateStatusLabel_, shownText(QStringLiteral("Version %1 is available.").arg(version)));
     // Timers and replies go on inside the question's event loop; one question at a time.
     if (updatePromptOpen_) {
         manualUpdateCheck_ = false;
@@ -174,8 +173,8 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
         return;
     }
 
-    setEnabled(checkUpdatesButton_, false);
     setText(updateStatusLabel_, shownText(QStringLiteral("Downloading %1...").arg(name)));
+    setEnabledKeepingFocus(checkUpdatesButton_, false, updateStatusLabel_);
 
     // A manager of its own, so that neither the session token nor the client's headers ever
     // reach the installer's host.
@@ -211,10 +210,15 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
         else if (reply->error() == QNetworkReply::OperationCanceledError)
             errorText = QStringLiteral("the server stopped answering");
         reply->deleteLater();
-        setEnabled(checkUpdatesButton_, true);
+        setEnabledKeepingFocus(checkUpdatesButton_, true, updateStatusLabel_);
 
+        // The streamer said Yes to this download: each outcome is told, besides its box.
+        const auto tell = [this](const QString &text, bool failure) {
+            setText(updateStatusLabel_, text);
+            announce(updateStatusLabel_, text, failure);
+        };
         if (!errorText.isEmpty()) {
-            setText(updateStatusLabel_, QStringLiteral("Update download failed."));
+            tell(QStringLiteral("Update download failed."), true);
             showUpdateError(QStringLiteral("Download failed: %1").arg(errorText));
             return;
         }
@@ -222,7 +226,7 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
             QString::fromLatin1(QCryptographicHash::hash(body, QCryptographicHash::Sha256).toHex())
                 .toLower();
         if (digest != sha256) {
-            setText(updateStatusLabel_, QStringLiteral("Update verification failed."));
+            tell(QStringLiteral("Update verification failed."), true);
             showUpdateError(QStringLiteral("The installer checksum did not match the signed "
                                            "release metadata. Nothing was installed."));
             return;
@@ -242,7 +246,7 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
             return;
         }
 
-        setText(updateStatusLabel_, QStringLiteral("Update verified. Opening installer..."));
+        tell(QStringLiteral("Update verified. Opening installer..."), false);
         if (!QDesktopServices::openUrl(QUrl::fromLocalFile(path)))
             showUpdateError(QStringLiteral("The verified installer could not be opened."));
     });

@@ -8,6 +8,7 @@
 #include <QLineEdit>
 #include <QNetworkAccessManager>
 #include <QPushButton>
+#include <QStackedWidget>
 #include <QTimer>
 
 namespace {
@@ -170,6 +171,29 @@ void TessivaneController::clearWidgetPointers(const QString &dockId)
     }
 }
 
+QWidget *TessivaneController::failureSource(const QString &operation) const
+{
+    // What the streamer asked for, and where: a poll, a refresh at sign-in and a check of the
+    // timer's fail on the status lines alone.
+    const auto is = [&operation](const char *prefix, const char *suffix = "") {
+        return operation.startsWith(QLatin1String(prefix)) &&
+               operation.endsWith(QLatin1String(suffix));
+    };
+    if (is("Sign in") || is("Sign out"))
+        return accountStack_;
+    if (is("Check for updates"))
+        return manualUpdateCheck_ ? updateStatusLabel_ : nullptr;
+    if (is("Update channel") || is("Remove channel") || is("Connect ") || is("Add ", " Live"))
+        return channelsContainer_;
+    if (is("Save stream information"))
+        return streamInfoStatusLabel_;
+    if (is("Search ", " categories"))
+        return searchingBox();
+    if (is("Send chat"))
+        return chatInputEdit_;
+    return nullptr;
+}
+
 void TessivaneController::refreshAll()
 {
     if (api_.sessionToken().isEmpty())
@@ -192,6 +216,7 @@ void TessivaneController::connectApi()
                 if (passwordEdit_)
                     passwordEdit_->clear();
                 setSignedInUi(true);
+                announceSignIn(true);
                 refreshAll();
                 showDocks();
             });
@@ -201,6 +226,7 @@ void TessivaneController::connectApi()
         account_ = QJsonObject();
         channels_ = QJsonArray();
         setSignedInUi(false);
+        announceSignIn(false);
         renderChannels(QJsonArray());
     });
     connect(&api_, &TessivaneApi::accountLoaded, this, [this](const QJsonObject &user) {
@@ -242,15 +268,16 @@ void TessivaneController::connectApi()
     connect(&api_, &TessivaneApi::chatMessageSent, this, [this]() {
         if (chatInputEdit_)
             chatInputEdit_->clear();
+        announce(chatInputEdit_, QStringLiteral("Message sent."));
         api_.fetchChatMessages();
     });
     connect(&api_, &TessivaneApi::requestFailed, this,
             [this](const QString &operation, const QString &message) {
                 const QString text = shownText(QStringLiteral("%1: %2").arg(operation, message));
+                announce(failureSource(operation), text, true);
                 if (operation == QLatin1String("Check for updates")) {
                     manualUpdateCheck_ = false;
-                    if (checkUpdatesButton_)
-                        checkUpdatesButton_->setEnabled(true);
+                    setEnabledKeepingFocus(checkUpdatesButton_, true, updateStatusLabel_);
                     if (updateStatusLabel_)
                         updateStatusLabel_->setText(
                             QStringLiteral("Update check failed. Try again later."));

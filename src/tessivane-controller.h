@@ -81,6 +81,9 @@ private:
     QFrame *makePanel(QWidget *parent) const;
     QLabel *makeValueLabel(const QString &text, QWidget *parent) const;
     void connectApi();
+    // Where the failure of an operation the streamer asked for is told; null for the others.
+    QWidget *failureSource(const QString &operation) const;
+    void announceSignIn(bool signedIn);
     // The widget pointers of one dock, or with no id those of all five.
     void clearWidgetPointers(const QString &dockId = QString());
 
@@ -89,6 +92,8 @@ private:
     void showStreamProfile(const QJsonObject &profile);
     void showSyncResults(const QJsonArray &syncResults);
     void fillCategories(const QString &provider, const QJsonArray &categories);
+    // The category box the streamer is typing in, if any.
+    QWidget *searchingBox() const;
     void showChat(const QJsonArray &messages, const QJsonArray &adapters);
     const QIcon &chatBadge(const QString &providerKey);
 

@@ -23,10 +23,21 @@ QVBoxLayout *rootLayout(QWidget *root, int margin, int spacing);
 // The same column inside a scroll area that fills the root: a form dock shorter than its panel
 // scrolls, never sideways.
 QVBoxLayout *scrollingRootLayout(QWidget *root, int margin, int spacing);
-// Lets the root's look show through a scroll area and keeps it out of the focus chain.
+// Lets the root's look show through a scroll area, keeps it out of the focus chain, and scrolls to
+// whatever control inside it takes the focus, also from a Tab that began outside it.
 void showThrough(QScrollArea *scroll);
 QLabel *heading(const QString &text, QWidget *parent);
 QLabel *muted(const QString &text, QWidget *parent);
 // A text from the service as a label shows it: cut after 4096 characters, and free to wrap
 // inside a long word.
 QString shownText(const QString &text);
+
+// Tells a screen reader the result of what the streamer just did, as if read from `source`:
+// politely, or at once for a failure. Polls and replies nobody asked for are never told.
+void announce(QWidget *source, const QString &text, bool failure = false);
+// Enables or disables a control that may hold the focus. Qt hands the focus of a disabled control
+// to the next one in the chain, which may be an action (Sign Out): here it waits on `holder`, a
+// widget that does nothing when keys are pressed, and goes back once the control is enabled again.
+void setEnabledKeepingFocus(QWidget *control, bool enabled, QWidget *holder);
+// A platform's name as a streamer writes it, from its provider word; an unknown word as it came.
+QString platformName(const QString &providerKey);
