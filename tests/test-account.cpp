@@ -44,6 +44,7 @@ private Q_SLOTS:
         for (const ScriptedService::Request &request : service_.requests.mid(1))
             QCOMPARE(request.header("Authorization"), "Bearer tok-1");
         QCOMPARE(shown(), "Demo|Pro plan\ndemo@tessivane.dev");
+        QCOMPARE(announced(), QStringList({"Signing in...", "Signed in as Demo."}));
         QCOMPARE(password()->text(), "");
         QCOMPARE(password()->echoMode(), QLineEdit::Password);
         QCOMPARE(email()->text(), "  demo@tessivane.dev ");
@@ -118,6 +119,7 @@ private Q_SLOTS:
         QVERIFY(!store().contains("sessionToken"));
         QCOMPARE(statusLines()[0], "");
         QCOMPARE(email()->text(), "demo@tessivane.dev");
+        QCOMPARE(announced(), QStringList({"Signed in.", "Signed out."}));
     }
 
     void manageAccountOpensTheAccountPage()

@@ -97,6 +97,54 @@ private Q_SLOTS:
         QCOMPARE(render("[]"), signedOut);
     }
 
+    // Tab walks Refresh, each card's switch and cross in their order, then the next dock; a rebuild
+    // gives the focus back to the same channel's control or, when the channel has gone, to the card
+    // now in its place, the last, or Refresh; a focus elsewhere stays where it is.
+    void focusAndTabOrderSurviveRebuilds()
+    {
+        const auto name = [](QWidget *widget) {
+            return widget->accessibleName().isEmpty() ? widget->property("text").toString()
+                                                      : widget->accessibleName();
+        };
+        const auto focused = [&]() {
+            return name(dock()->window()->focusWidget());
+        };
+        const auto give = [this](const char *control) {
+            for (QWidget *widget : dock()->findChildren<QWidget *>()) {
+                if (widget->accessibleName() == control)
+                    widget->setFocus();
+            }
+        };
+        render(R"([{"id":1,"name":"A"},{"id":"b","name":"B"},{"id":3,"name":"C"}])");
+        QStringList order;
+        for (QWidget *walk = withText<QPushButton>(dock(), "Refresh"); order.size() < 8;
+             walk = walk->nextInFocusChain()) {
+            if ((walk->focusPolicy() & Qt::TabFocus) && walk->isVisibleTo(walk->window()))
+                order << name(walk);
+        }
+        QCOMPARE(order, QStringList({"Refresh", "Include A", "Remove A", "Include B", "Remove B",
+                                     "Include C", "Remove C", "Title"}));
+
+        // The focus before, the next list, and the focus after.
+        const char *steps[][3] = {
+            {"Include B", R"([{"id":3,"name":"C"},{"id":"b","name":"B"}])", "Include B"},
+            {"Remove C", R"([{"id":3,"name":"C"},{"id":"b","name":"B"}])", "Remove C"},
+            {"Remove C", R"([{"id":"b","name":"B"},{"id":1,"name":"A"}])", "Remove B"},
+            {"Remove A", R"([{"id":"b","name":"B"}])", "Remove B"},
+            {"Include B", "[]", "Refresh"},
+        };
+        for (const auto &[before, list, after] : steps) {
+            give(before);
+            QPointer<QWidget> old = dock()->window()->focusWidget();
+            render(list);
+            QVERIFY(old.isNull());
+            QCOMPARE(focused(), after);
+        }
+        panel("tessivane.stream-information")->findChild<QLineEdit *>()->setFocus();
+        render(R"([{"id":1,"name":"A"}])");
+        QCOMPARE(focused(), "Title");
+    }
+
     // Each entry in turn: the dialogs, answered in turn ("=" keeps the text given; a dialog beyond
     // the answers gets an empty text, which ends the chain); a platform's sign-in page opens in
     // the browser.

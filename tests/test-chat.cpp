@@ -49,14 +49,16 @@ private Q_SLOTS:
         reply(feed, "[]");
         QCOMPARE(rows().mid(0, 5),
                  QStringList({"C • A: %2 %1", " • B: ", " • : ", " • : ", " • : "}));
-        // Per row: the tool tip, never markup, the badge's colour and its glyph's.
-        const char *looks[][3] = {{"YOUTUBE", "#ff0033", "#fff"},
-                                  {"TWITCH", "#9146ff", "#fff"},
-                                  {"KICK", "#53fc18", "#000"},
-                                  {"FACEBOOK", "#34e6bd", "#fff"},
-                                  {"<p>&lt;I&gt;</p>", "#34e6bd", "#fff"}};
+        // Per row: the tool tip, never markup, the badge's colour and its glyph's, and the
+        // platform a screen reader hears.
+        const char *looks[][4] = {{"YOUTUBE", "#ff0033", "#fff", "YouTube"},
+                                  {"TWITCH", "#9146ff", "#fff", "Twitch"},
+                                  {"KICK", "#53fc18", "#000", "Kick"},
+                                  {"FACEBOOK", "#34e6bd", "#fff", "Facebook"},
+                                  {"<p>&lt;I&gt;</p>", "#34e6bd", "#fff", "<i>"}};
         for (int i = 0; i < 5; ++i) {
             QCOMPARE(in<QListWidget>()->item(i)->toolTip(), looks[i][0]);
+            QCOMPARE(in<QListWidget>()->item(i)->data(Qt::AccessibleDescriptionRole), looks[i][3]);
             const QImage icon = in<QListWidget>()->item(i)->icon().pixmap(20, 20).toImage();
             const QRgb *pixels = reinterpret_cast<const QRgb *>(icon.constBits());
             QCOMPARE(icon.pixelColor(0, 0).alpha() + icon.pixelColor(19, 10).alpha(), 0);
@@ -90,6 +92,37 @@ private Q_SLOTS:
             QVERIFY(in<QLineEdit>()->isEnabled() == (step[1] == up) &&
                     in<QPushButton>()->isEnabled() == (step[1] == up));
         }
+        // A field or button losing its chat hands the focus to the feed, never to another action,
+        // and gets it back with the chat.
+        for (QWidget *control : QWidgetList{in<QLineEdit>(), in<QPushButton>()}) {
+            reply("[]", up);
+            control->setFocus();
+            reply("[]", down);
+            QCOMPARE(control->window()->focusWidget(), in<QListWidget>());
+            reply("[]", up);
+            QCOMPARE(control->window()->focusWidget(), control);
+        }
+    }
+
+    // A rebuild keeps the row the streamer reads current, found by its message's id, whichever
+    // way the id is written, and wherever the row now stands.
+    void theRowBeingReadStaysCurrent()
+    {
+        const QByteArray feed = R"([{"id":"m1","text":"a"},{"id":2,"text":"b"},{"text":"c"}])";
+        const char *replies[][2] = {{R"([{"id":2,"text":"b"},{"id":"m1","text":"a"}])", " • : a"},
+                                    {R"([{"id":2.0,"text":"b"},{"id":"m1","text":"x"}])", " • : x"},
+                                    {R"([{"id":"2","text":"b"}])", ""}};
+        for (const auto &[next, current] : replies) {
+            reply(feed, "[]");
+            in<QListWidget>()->setCurrentRow(0);
+            reply(next, "[]");
+            QListWidgetItem *item = in<QListWidget>()->currentItem();
+            QCOMPARE(item ? item->text() : "", current);
+        }
+        reply(feed, "[]");
+        in<QListWidget>()->setCurrentRow(1);
+        reply(R"([{"id":2,"text":"moved"},{"id":3}])", "[]");
+        QCOMPARE(in<QListWidget>()->currentRow(), 0);
     }
 
     // A reply counts as changed exactly when it prints as other compact JSON than the last one:
@@ -183,6 +216,8 @@ private Q_SLOTS:
             QCOMPARE(service_.requests.at(0).target + service_.requests.at(0).body,
                      "/api/chat/send" + QByteArray(send[1]));
         }
+        QCOMPARE(announced().mid(0, 3), QStringList(3, "Message sent."));
+        QVERIFY(announced().size() == 4 && announced()[3].startsWith("!Send chat: "));
     }
 };
 

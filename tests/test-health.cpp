@@ -123,11 +123,15 @@ private Q_SLOTS:
                      "Preparing this account's unique stream key. Try again in a moment.");
         }
         QCOMPARE(settledTargets(), QList<QByteArray>());
+        // Heard each time as a refusal, with no account to ask with.
+        const QString preparing = statusLines()[0];
+        QCOMPARE(announced(), QStringList({"Signed out.", "!" + preparing, "!" + preparing}));
         // Signed in, the first click only asks; once the record is in, the next one starts.
         api().setSessionToken("tok");
         service_.replies["/api/stream-engine/ingest"].body = R"({"ingestUrl":"x","streamKey":"k"})";
         QCOMPARE(click(), QStringList{"streaming_active"});
         QCOMPARE(settledTargets(), QList<QByteArray>{"/api/stream-engine/ingest"});
+        QCOMPARE(announced().last(), preparing);
         QCOMPARE(click(), QStringList({"streaming_active", "streaming_start"}));
         host().active = true;
         QCOMPARE(click(), QStringList({"streaming_active", "streaming_stop"}));

@@ -62,6 +62,11 @@ private Q_SLOTS:
             {"ok":true},{"ok":"true","channel":"%2","error":"%1"},7])")
                                             .array());
         QCOMPARE(status(), "Updated 1. A: no %2: %1 : ");
+        // Each press and each summary is heard; one with a failure at once.
+        const QStringList saved = {"Saving...",
+                                   "Stream information pushed to 0 connected channel(s)."};
+        QCOMPARE(announced(), saved + saved + saved + saved.mid(1)
+                                  << "!Updated 1. A: no %2: %1 : ");
         QCOMPARE(edit[0]->text(), "");
     }
 
@@ -167,6 +172,10 @@ private Q_SLOTS:
         Q_EMIT api().categoriesLoaded("twitch", three);
         QTest::keyClick(window, Qt::Key_Escape);
         QCOMPARE(state(0), "Ju|Jump King1|3|shut|3 twitch category suggestions loaded.");
+        // Only a box the streamer types in tells how its search went.
+        const QString found = "3 twitch category suggestions loaded.";
+        QCOMPARE(announced(), QStringList({"No matching kick categories.", found,
+                                           "No matching twitch categories.", found, found}));
     }
 };
 

@@ -73,14 +73,30 @@ private Q_SLOTS:
 
     void manualAndTimerChecksAndTheOneOpenQuestion()
     {
+        // While the button waits, the focus waits on the label, which says why, never on the
+        // next button, Sign Out: also when the timer's check comes while a box holds the keyboard.
+        const auto focused = [] {
+            return button()->window()->focusWidget();
+        };
+        button()->setFocus();
+        answer_ = [this](QDialog *box) {
+            answer_ = {};
+            controller_->checkForUpdates(false);
+            press(box, QMessageBox::Ok);
+        };
         button()->click();
         QCOMPARE(label(), "Checking for updates...");
         QVERIFY(!button()->isEnabled());
+        QCOMPARE(qobject_cast<QLabel *>(focused())->text(), label());
         QTRY_COMPARE(modals_, QStringList{latest}); // a reply of "{}" is up to date
+        QTRY_VERIFY(button()->isEnabled());
+        QCOMPARE(focused(), button());
+        // The streamer's check is heard, the timer's not.
+        QCOMPARE(announced(), QStringList{upToDate});
         // A timer check during a manual one leaves both without the box.
         button()->click();
         controller_->checkForUpdates(false);
-        QCOMPARE(settledTargets().size(), 3);
+        QCOMPARE(settledTargets().size(), 4);
         QCOMPARE(modals_.size(), 1);
         // No starts nothing and takes the manual mark away; while the question is open, a newer
         // reply updates the label but asks nothing.

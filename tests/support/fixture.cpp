@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 #include "fixture.h"
 
+#include <QAccessible>
 #include <QDesktopServices>
 #include <QFile>
 #include <QInputDialog>
@@ -94,8 +95,23 @@ ControllerTest::ControllerTest()
     });
 }
 
+QStringList &ControllerTest::announced()
+{
+    static QStringList told;
+    return told;
+}
+
 void ControllerTest::initTestCase()
 {
+    QAccessible::installUpdateHandler([](QAccessibleEvent *event) {
+        if (event->type() != QAccessible::Announcement)
+            return;
+        const auto *announcement = static_cast<QAccessibleAnnouncementEvent *>(event);
+        announced() << (announcement->politeness() == QAccessible::AnnouncementPoliteness::Assertive
+                            ? "!"
+                            : "") +
+                           announcement->message();
+    });
     QVERIFY2(service_.listen(QUrl(TESSIVANE_SERVICE_ORIGIN).port()),
              "The origin's port is taken, perhaps by a running development service");
     modalTimer_.start(5);
@@ -114,6 +130,7 @@ void ControllerTest::init()
     answer_ = {};
     opened_.clear();
     QVERIFY(restart());
+    announced().clear();
 }
 
 void ControllerTest::cleanup()

@@ -94,6 +94,8 @@ protected:
     QStringList modals_;
     std::function<void(QDialog *)> answer_;
     QList<QUrl> opened_;
+    // What a screen reader was told since the test began, a failure marked with "!".
+    static QStringList &announced();
 
     // Each test begins with a controller started; one that sets the stage first starts anew.
     bool restart()
