@@ -1,44 +1,69 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
-"""The Channels dock in a real OBS: its cards, and connecting a platform through the browser from
-the instant pop-up menu."""
+"""The Channels dock in a real OBS, from the keyboard: connecting a platform through the browser
+from the instant pop-up menu, the cards in the Tab order, a channel selected and unselected, one
+removed, with the focus kept through every rebuild of the list."""
 
 import urllib.request
 
 import pyatspi
-from host import DOCKS, check, extents, inside, key, press, read, wait_for, within
+from host import DOCKS, check, read, wait_for
 
 DOCK = DOCKS[1]
+CARDS = ["DemoStreamer", "Demo Streamer Gaming", "demostreamer", "Demo Streamer Page",
+         "@demostreamer", "Demo Streamer on Twitch"]
 
 
-def connect_twitch(host):
-    """A click opens the instant pop-up menu, which the bus can neither open nor see into; Down
-    and Return take its first entry, Twitch. Keys that went astray before the menu held the
-    keyboard are typed again."""
-    add = host.one("button menu", "+ Add Channel", DOCK)
-    wait_for("the button stands whole inside the dock", lambda: inside(add, host.body(DOCK)))
-    x, y, width, height = extents(add)
-    for _ in range(3):
-        host.focus_window()
-        pyatspi.Registry.generateMouseEvent(x + width // 2, y + height // 2, pyatspi.MOUSE_B1C)
-        wait_for("the menu is open", lambda: add.getState().contains(pyatspi.STATE_PRESSED))
-        for keysym in (0xff54, 0xff0d):  # Down, Return
-            key(keysym)
-        if url := within(lambda: read(host.opened).strip(), 10):
-            return url
-        key(0xff1b)  # Esc, in case the menu is still open
-    raise AssertionError("the browser was never handed an address")
+def rebuilt_with_focus(host, name, action=None):
+    """After action (or a poll), the list is built anew, and the focus is on the same channel's
+    control, a new one: a screen reader hears it take the focus."""
+    before = len(host.hearing("focus"))
+    if action:
+        action()
+    wait_for(f"the rebuilt list gives the focus back to \"{name}\"", lambda: len(
+        host.hearing("focus")) > before and host.focus() == name)
+
+
+def tab_through(host, names, backwards=False):
+    for name in names:
+        host.press("Shift+Tab" if backwards else "Tab", focus=name)
+
+
+def switched_on(host, name):
+    return host.one("check box", name, DOCK).getState().contains(pyatspi.STATE_CHECKED)
 
 
 def run(host):
-    print("channels: the cards; connecting Twitch through the browser", flush=True)
+    print("channels: Twitch connected from the menu, the cards walked, selected, removed", flush=True)
+    tab_through(host, ["Sign Out", "+ Add Channel"])
+    host.press("Space")
+    host.press("Down", focus="Twitch")
+    host.press("Return", focus="+ Add Channel")
+    url = wait_for("the browser is handed Twitch's page", lambda: read(host.opened).strip())
+    with urllib.request.urlopen(url, context=host.ca, timeout=10) as page:
+        check("return to OBS" in page.read().decode(), f"the browser opens {url}")
+    tab_through(host, ["Refresh"])
+    host.press("Space")
+    wait_for("Refresh shows the new channel", lambda: host.shown("label", CARDS[-1], DOCK))
+
+    order = [f"{what} {name}" for name in CARDS for what in ("Include", "Remove")] + ["Title"]
+    tab_through(host, order)
+    tab_through(host, order[-2:3:-1], backwards=True)
+    check(not switched_on(host, "Include demostreamer"), "demostreamer is left out at first")
+    for state in (True, False):
+        rebuilt_with_focus(host, "Include demostreamer", lambda: host.press("Space"))
+        wait_for(f"the switch reads {'on' if state else 'off'}",
+                 lambda: switched_on(host, "Include demostreamer") == state)
+    rebuilt_with_focus(host, "Include demostreamer")  # by the 10 s poll
+
+    tab_through(host, order[5:8])
+    host.press("Space", focus="Cancel")
+    host.answer("Remove Channel", ord("y"))
+    wait_for("the removed card is gone", lambda: not host.shown("label", CARDS[3], DOCK))
+    wait_for("and the focus is on the next card's", lambda: host.focus() == order[9])
+    switch = host.one("check box", order[8], DOCK)
+    unfocused = host.ring(switch)
+    tab_through(host, order[8:9], backwards=True)
+    check(host.ring(switch) > 10 * unfocused + 20, "the focused switch wears a ring")
     with host.alone(DOCK):
-        for name in ("DemoStreamer", "Demo Streamer Gaming", "@demostreamer"):
-            wait_for(f"a card for \"{name}\"", lambda: host.shown("label", name, DOCK))
-        url = connect_twitch(host)
-        with urllib.request.urlopen(url, context=host.ca, timeout=10) as page:
-            check("return to OBS" in page.read().decode(), f"the browser opens {url}")
-        press(host.one("button", "Refresh", DOCK))
-        wait_for("Refresh shows the new channel",
-                 lambda: host.shown("label", "Demo Streamer on Twitch", DOCK))
         host.look(DOCK)
         host.screenshot("channels.png")

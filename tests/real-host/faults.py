@@ -49,6 +49,10 @@ def run(host):
         label.name == "Load channels: Connection refused"
         for label in find(host.dock(ACCOUNT), "label")))
     check(health.reaches_ingest(host), "the RTMP server still hands on OBS's stream")
+    check(host.focus() == "Chat message", "the Chat dock's message field has the focus")
+    host.type_into(host.one("text", "Chat message", DOCKS[4]), "anyone there?")
+    host.press("Return")
+    host.announced("Send chat: Connection refused", politeness="2")
     host.screenshot("faults-service-away.png")
     print("faults: the service comes back, but its replies never come", flush=True)
     check("listening" in host.start_service(host.args.dev_service, "--resume-session", host.token,

@@ -91,8 +91,30 @@ def inside(node, outer):
     return w > 0 and h > 0 and ox <= x and oy <= y and x + w <= ox + ow and y + h <= oy + oh
 
 
-def key(keysym):
-    pyatspi.Registry.generateKeyboardEvent(keysym, None, pyatspi.KEY_SYM)
+# The keys the test presses, as X keysyms; a character stands for itself.
+KEYS = {"Tab": 0xff09, "Shift+Tab": 0xfe20, "Return": 0xff0d, "Space": 0x20, "Down": 0xff54,
+        "Escape": 0xff1b, "BackSpace": 0xff08}
+X11, XTEST = ctypes.CDLL("libX11.so.6"), ctypes.CDLL("libXtst.so.6")
+X11.XOpenDisplay.restype = ctypes.c_void_p
+X11.XKeysymToKeycode.argtypes = [ctypes.c_void_p, ctypes.c_ulong]
+X11.XkbKeycodeToKeysym.argtypes = [ctypes.c_void_p, ctypes.c_ubyte, ctypes.c_int, ctypes.c_int]
+X11.XkbKeycodeToKeysym.restype = ctypes.c_ulong
+XTEST.XTestFakeKeyEvent.argtypes = [ctypes.c_void_p, ctypes.c_uint, ctypes.c_int, ctypes.c_ulong]
+
+
+def key(keysym, ctrl=False):
+    """Presses and lets go of a key, as the keyboard does, with Shift when the key's symbol asks
+    for it and with Ctrl if asked."""
+    keysym = KEYS.get(keysym, keysym)
+    display = ctypes.c_void_p(X11.XOpenDisplay(None))
+    code = X11.XKeysymToKeycode(display, keysym)
+    held = [X11.XKeysymToKeycode(display, 0xffe3)] * ctrl  # Control_L
+    if X11.XkbKeycodeToKeysym(display, code, 0, 0) != keysym:
+        held.append(X11.XKeysymToKeycode(display, 0xffe1))  # Shift_L
+    for down, codes in ((1, held + [code]), (0, [code] + held[::-1])):
+        for each in codes:
+            XTEST.XTestFakeKeyEvent(display, each, down, 0)
+    X11.XCloseDisplay(display)
 
 
 def read(path):
@@ -198,6 +220,33 @@ class Host(Session):
             app for app in pyatspi.Registry.getDesktop(0)
             if app and app.get_process_id() == self.obs.pid), 40)
         wait_for(f"the log holds \"{LOADED}\"", lambda: LOADED in read(self.log), 30)
+        # What a screen reader hears of this OBS, in a file of its own.
+        self.heard = self.run / f"heard-{self.obs.pid}.txt"
+        listener = self.start("listener", [sys.executable, Path(__file__).parent / "listen.py",
+                                           self.heard, self.obs.pid], stdout=subprocess.PIPE)
+        check(listener.stdout.readline() == b"listening\n", "a screen reader's ear is on the bus")
+
+    def hearing(self, kind):
+        """What was heard of a kind, "focus" or "announce", as pairs: (role, name) or
+        (politeness, text)."""
+        return [tuple(line.split("\t")[1:]) for line in read(self.heard).splitlines()
+                if line.startswith(kind + "\t")]
+
+    def focus(self):
+        """The name of what has the keyboard focus, as a screen reader last heard it."""
+        return (self.hearing("focus") or [("", "")])[-1][1]
+
+    def press(self, keysym, focus=None, ctrl=False):
+        """Presses a key; with focus, waits for a screen reader to hear the focus move there."""
+        before = len(self.hearing("focus"))
+        key(keysym, ctrl)
+        if focus:
+            wait_for(f"{keysym} moves the focus to \"{focus}\"", lambda: len(
+                self.hearing("focus")) > before and self.focus() == focus)
+
+    def announced(self, text, politeness="1"):
+        wait_for(f"a screen reader hears \"{text}\"",
+                 lambda: (politeness, text) in self.hearing("announce"))
 
     def window(self):
         return next(node for node in self.app
@@ -237,13 +286,21 @@ class Host(Session):
         keys go wherever X's input focus was left, perhaps on a pop-up that is gone."""
         window = re.search(r"Window id: (\w+)", subprocess.run(
             ["xwininfo", "-name", self.window().name], capture_output=True, text=True).stdout)[1]
-        x11 = ctypes.CDLL("libX11.so.6")
-        x11.XOpenDisplay.restype = ctypes.c_void_p
-        display = ctypes.c_void_p(x11.XOpenDisplay(None))
-        x11.XSetInputFocus(display, ctypes.c_ulong(int(window, 16)), 2, 0)  # RevertToParent
-        x11.XSync(display, 0)
-        x11.XCloseDisplay(display)
+        display = ctypes.c_void_p(X11.XOpenDisplay(None))
+        X11.XSetInputFocus(display, ctypes.c_ulong(int(window, 16)), 2, 0)  # RevertToParent
+        X11.XSync(display, 0)
+        X11.XCloseDisplay(display)
         return int(window, 16)
+
+    def answer(self, title, keysym):
+        """Answers the box of that title with a key, and gives OBS's window back the keyboard
+        once the box has gone, as a window manager would."""
+        wait_for(f"the box \"{title}\" opens", lambda: any(
+            node.name == title and showing(node) for node in self.app))
+        self.press(keysym)
+        wait_for(f"the box \"{title}\" closes", lambda: not any(
+            node.name == title and showing(node) for node in self.app))
+        self.focus_window()
 
     def type_into(self, edit, keys):
         """Types keys into a field, one at a time, and sees each land there; a key that went
@@ -281,15 +338,24 @@ class Host(Session):
         the dark green-black of their root, where green outweighs red and blue, not OBS's own
         grey-blue window colour, where blue outweighs green."""
         def median():
-            x, y, width, height = extents(self.body(title))
-            shot = self.run / "body.png"
-            subprocess.run(["import", "-window", "root", "-crop", f"{width}x{height}+{x}+{y}",
-                            "+repage", "-depth", "8", f"rgb:{shot}"], check=True)
-            pixels = shot.read_bytes()
+            pixels = self.pixels(self.body(title))
             return tuple(sorted(pixels[channel::3])[len(pixels) // 6] for channel in range(3))
         red, green, blue = wait_for(f"\"{title}\" has the docks' look", lambda: (
             colour := median())[1] > colour[0] + 4 and colour[1] >= colour[2] and colour)
         print(f"  the median colour of its body is rgb({red}, {green}, {blue})", flush=True)
+
+    def pixels(self, node):
+        """The node as the screen shows it, as bytes of red, green and blue."""
+        x, y, width, height = extents(node)
+        shot = self.run / "node.rgb"
+        subprocess.run(["import", "-window", "root", "-crop", f"{width}x{height}+{x}+{y}",
+                        "+repage", "-depth", "8", f"rgb:{shot}"], check=True)
+        return shot.read_bytes()
+
+    def ring(self, node):
+        """How many of a control's pixels are nearly white, as a switch's focus ring is."""
+        pixels = self.pixels(node)
+        return sum(min(pixels[i:i + 3]) > 230 for i in range(0, len(pixels), 3))
 
     def screenshot(self, name):
         """A picture of OBS's window, as a streamer sees it."""

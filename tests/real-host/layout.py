@@ -6,21 +6,21 @@ closed."""
 import ctypes
 from itertools import combinations
 
-from host import DEFAULT_SIZE, DOCKS, check, extents, inside, press, showing, wait_for
+from host import DEFAULT_SIZE, DOCKS, X11, check, extents, inside, press, showing, wait_for
 
 ACCOUNT, CHANNELS, STREAM_INFO, HEALTH, CHAT = DOCKS
 # The smallest main window OBS 30.2.3 allows with the five docks stacked (WM_NORMAL_HINTS), and
 # one as large as the virtual screen.
 SMALLEST, FULL = (868, 763), (1600, 1000)
+CONTROLS = {"push button", "button", "push button menu", "check box", "text", "password text",
+            "combo box", "list"}
 
 
 def resize(host, size):
     """Resizes OBS's main window the way a window manager would; the virtual screen has none."""
-    x11 = ctypes.CDLL("libX11.so.6")
-    x11.XOpenDisplay.restype = ctypes.c_void_p
-    display = ctypes.c_void_p(x11.XOpenDisplay(None))
-    x11.XResizeWindow(display, ctypes.c_ulong(host.focus_window()), *size)
-    x11.XCloseDisplay(display)
+    display = ctypes.c_void_p(X11.XOpenDisplay(None))
+    X11.XResizeWindow(display, ctypes.c_ulong(host.focus_window()), *size)
+    X11.XCloseDisplay(display)
     wait_for(f"OBS's window is {size[0]}x{size[1]}", lambda: extents(host.window())[2:] == size)
 
 
@@ -28,6 +28,17 @@ def overlaps(nodes):
     boxes = [(node.name, extents(node)) for node in nodes]
     return [(a, b) for (a, (ax, ay, aw, ah)), (b, (bx, by, bw, bh)) in combinations(boxes, 2)
             if ax < bx + bw and bx < ax + aw and ay < by + bh and by < ay + ah]
+
+
+def clipped(node):
+    """Whether something around the node, a scroll area's viewport, hides some of it: what is
+    scrolled out of sight stands over nothing."""
+    area = node.parent
+    while area is not None and area.name not in DOCKS:
+        if not inside(node, area):
+            return True
+        area = area.parent
+    return False
 
 
 def in_view(host):
@@ -51,8 +62,14 @@ def run(host):
                  lambda: not overlaps([host.dock(title) for title in DOCKS]))
         for title in DOCKS:
             wait_for(f"no two labels of \"{title}\" overlap", lambda: not overlaps(
-                host.shown("label", dock=title)))
+                [label for label in host.shown("label", dock=title) if not clipped(label)]))
         wait_for("the send row and the channel buttons stand in view", lambda: in_view(host))
+        if size == DEFAULT_SIZE:
+            controls = [node for title in DOCKS for node in host.shown("", dock=title)
+                        if node.getRoleName() in CONTROLS]
+            check(all(node.name and (node.getRoleName() != "combo box" or node.description)
+                      for node in controls), f"each of the {len(controls)} controls in view is "
+                  "named for a screen reader, and each box says what it is for")
         host.screenshot(name)
     resize(host, DEFAULT_SIZE)
     wait_for("the five docks stand docked at the window's right edge", lambda: all(

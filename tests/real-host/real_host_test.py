@@ -27,15 +27,26 @@ def run(host):
     if host.args.installed:
         check(host.args.installed in read(Path(f"/proc/{host.obs.pid}/maps")),
               f"OBS loaded the module from {host.args.installed}")
+    # The job is done from the keyboard, in the order Tab walks the docks.
     account.sign_in(host)
     channels.run(host)
     stream_info.run(host)
+    health.start(host)
     chat.run(host)
     layout.run(host)
-    health.start(host)
     leaks.secrets_in_place(host, signed_in=True)
     faults.run(host)
     health.stop(host)
+    # Each result the streamer asked for was told, and nothing else: no poll, no sample, no
+    # failure of a request the streamer never made.
+    said = [("!" if politeness == "2" else "") + text for politeness, text in
+            host.hearing("announce")]
+    check(said == ["Signing in...", "Signed in as Demo Streamer.",
+                   "Tessivane OBS Plugin v0.3.3 is up to date.",
+                   "2 twitch category suggestions loaded.", "1 twitch category suggestions loaded.",
+                   "Saving...", "!" + stream_info.SUMMARY, "Message sent.",
+                   "!Send chat: Connection refused"],
+          f"a screen reader heard what the streamer asked for, and nothing else: {said}")
     faults.exit_while_held(host)
     layout.restart(host)
     account.sign_out(host)
