@@ -6,7 +6,7 @@ closed."""
 import ctypes
 from itertools import combinations
 
-from host import DEFAULT_SIZE, DOCKS, X11, check, extents, inside, press, showing, wait_for
+from host import DEFAULT_SIZE, DOCKS, X11, check, extents, inside, press, showing, wait_for, within
 
 ACCOUNT, CHANNELS, STREAM_INFO, HEALTH, CHAT = DOCKS
 # The smallest main window OBS 30.2.3 allows with the five docks stacked (WM_NORMAL_HINTS), and
@@ -80,8 +80,9 @@ def restart(host):
     print("layout: a restart brings the docks back where they were; a closed one stays closed",
           flush=True)
     host.start_obs()
-    wait_for("the five docks show at the places they had when OBS exited", lambda: all(
-        showing(host.dock(title)) for title in DOCKS) and host.places() == host.left)
+    if not within(lambda: all(showing(host.dock(title)) for title in DOCKS)
+                  and host.places() == host.left, 30):
+        check(False, f"the docks stand where they were: {host.left} -> {host.places()}")
     press(host.menu_item(CHAT))
     wait_for(f"\"{CHAT}\" is closed from the Docks menu", lambda: not showing(host.dock(CHAT)))
     host.exit_obs()
