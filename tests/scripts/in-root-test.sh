@@ -11,9 +11,12 @@ t=$(mktemp -d)
 trap 'rm -rf --one-file-system "$t"' EXIT
 chmod 755 "$t"
 
-# On a PATH without cmake, in-root takes this machine for one that needs a root.
+# On a PATH without cmake, in-root takes this machine for one that needs a root; without apt and
+# debootstrap, a fault that let it provision a root here cannot install into the system it runs in.
 mkdir "$t/bin"
-for tool in /usr/sbin/* /usr/bin/*; do [ "${tool##*/}" = cmake ] || ln -sf "$tool" "$t/bin/"; done
+for tool in /usr/sbin/* /usr/bin/*; do
+  case ${tool##*/} in cmake | apt | apt-get | debootstrap) ;; *) ln -sf "$tool" "$t/bin/" ;; esac
+done
 
 plant() {
   mkdir -p "$1"/{usr/bin,var/lib/dpkg,etc,proc,dev,sys,tmp}
@@ -53,15 +56,17 @@ chgrp 65534 "$t/open"
 chmod 1775 "$t/open"
 expect "a root that its group may write to" "$t/open" "$t/open can be written by others" no
 
-mkdir "$t/theirs-above" "$t/open-above"
+mkdir "$t/theirs-above"
 plant "$t/theirs-above/root"
 chown 65534 "$t/theirs-above"
 expect "a root in another user's folder" "$t/theirs-above/root" \
   "$t/theirs-above belongs to user 65534, not to root" no
-plant "$t/open-above/root"
+# Two folders up: any folder above the root counts, not only the nearest.
+mkdir -p "$t/open-above/in"
+plant "$t/open-above/in/root"
 chmod 777 "$t/open-above"
-expect "a root in a folder anyone may write to" "$t/open-above/root" \
-  "$t/open-above, a folder above $t/open-above/root, can be written by others" no
+expect "a root under a folder anyone may write to" "$t/open-above/in/root" \
+  "$t/open-above, a folder above $t/open-above/in/root, can be written by others" no
 
 plant "$t/own"
 ln -s "$t/own" "$t/link"
