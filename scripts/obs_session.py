@@ -11,6 +11,7 @@ import argparse
 import contextlib
 import ctypes
 import os
+import secrets
 import select
 import shutil
 import signal
@@ -39,7 +40,7 @@ class Session:
         if self.user:
             os.chown(path, *self.user)
 
-    def start(self, name, argv, env=None, stdout=None, log=True):
+    def start(self, name, argv, env=None, stdout=None, log=True, pass_fds=()):
         """Starts a child in a process group of its own, which dies with this process. Its
         output goes to LOGS/NAME.log, unless log is false."""
         if argv[0] != SOURCE / "devservice/with-dev-ca":
@@ -48,7 +49,8 @@ class Session:
             self.own(file.name)
             out = file if log else None
             proc = subprocess.Popen([str(arg) for arg in argv], env=env, stdin=subprocess.DEVNULL,
-                                    stdout=stdout or out, stderr=out, start_new_session=True,
+                                    stdout=stdout or out, stderr=out, pass_fds=pass_fds,
+                                    start_new_session=True,
                                     preexec_fn=lambda: ctypes.CDLL(None).prctl(1, 9))
         self.procs.append(proc)
         return proc
@@ -98,6 +100,31 @@ class Session:
             time.sleep(0.1)
         return ""
 
+    def start_screen(self, display):
+        """Starts the virtual screen :DISPLAY, which takes only the clients that hold its fresh
+        cookie, kept in LOGS/xauthority; returns the environment of such a client, or None when
+        the screen did not start."""
+        auth = (self.logs / "xauthority").resolve()
+        auth.unlink(missing_ok=True)
+        # xauth, as the children's user, makes the file theirs alone and reads the cookie from its
+        # input: on its command line, every local user could read it.
+        with open(self.logs / "xvfb.log", "ab") as log:
+            self.own(log.name)
+            made = subprocess.run([*map(str, self.as_user), "xauth", "-f", auth, "source", "-"],
+                                  input=f"add :{display} . {secrets.token_hex(16)}\n", text=True,
+                                  stdout=log, stderr=log)
+        if made.returncode:
+            return None
+        # Xvfb writes its number and a new line once it takes clients, or closes the pipe as it
+        # fails; a pipe closed before the whole line is there would be the end of it.
+        ready, done = os.pipe()
+        self.start("xvfb", ["Xvfb", f":{display}", "-auth", auth, "-displayfd", done, "-screen",
+                            "0", "1920x1080x24", "-nolisten", "tcp"], pass_fds=(done,))
+        os.close(done)
+        with os.fdopen(ready, "rb") as pipe:
+            started = select.select([pipe], [], [], 20)[0] and pipe.readline().strip()
+        return {"DISPLAY": f":{display}", "XAUTHORITY": str(auth)} if started else None
+
     def start_obs(self, *args, env=None, log=True):
         # with-dev-ca execs OBS, which keeps the pid.
         return self.start("obs", [SOURCE / "devservice/with-dev-ca", *self.as_user, "obs", *args],
@@ -132,11 +159,13 @@ def main():
         print(line)
         env = dict(os.environ, LIBGL_ALWAYS_SOFTWARE=os.environ.get("LIBGL_ALWAYS_SOFTWARE", "1"))
         if not env.get("DISPLAY"):
-            # No desktop here: OBS gets a virtual screen of its own.
-            env["DISPLAY"] = ":87"
-            session.start("xvfb", ["Xvfb", ":87", "-screen", "0", "1920x1080x24", "-nolisten", "tcp"])
-            time.sleep(1)
-            print("No DISPLAY: OBS runs on the virtual screen :87 (see it with xwd -display :87 -root)")
+            # No desktop here: OBS gets a virtual screen of its own, and no one else.
+            screen = session.start_screen(87)
+            if not screen:
+                sys.exit(f"The virtual screen :87 did not start: see {args.logs}/xvfb.log")
+            env.update(screen)
+            print("No DISPLAY: OBS runs on the virtual screen :87 (see it with XAUTHORITY="
+                  f"{screen['XAUTHORITY']} xwd -display :87 -root)")
         print("Sign in on the Tessivane Account dock with demo@tessivane.dev / tessivane-demo")
         return session.start_obs(*args.obs_args, env=env, log=False).wait()
     finally:
