@@ -20,10 +20,9 @@
 #include <QRegularExpression>
 #include <QSaveFile>
 #include <QStandardPaths>
+#include <QTemporaryFile>
 
 #include <obs-frontend-api.h>
-
-#include <unistd.h>
 
 namespace {
 constexpr char updaterUserAgent[] = "Tessivane-OBS-Plugin-Updater/0.3.3";
@@ -38,6 +37,14 @@ bool plainFileName(const QString &name)
            !name.contains(QLatin1String("..")) && QFileInfo(name).fileName() == name;
 }
 
+// Whether this process owns the file or folder. Its owner is that of a file the process has just
+// made in the temporary location, where nobody else can put another file in its place.
+bool ownedByThisProcess(const QFileInfo &info)
+{
+    QTemporaryFile made;
+    return made.open() && QFileInfo(made.fileName()).ownerId() == info.ownerId();
+}
+
 // The updates folder in the temporary location, which every user shares: only a real folder of
 // the streamer's own that nobody else may enter, made so if need be. Empty when there is none.
 QString privateUpdatesFolder()
@@ -48,7 +55,7 @@ QString privateUpdatesFolder()
     const QFileInfo info(folder);
     constexpr QFile::Permissions others = QFile::ReadGroup | QFile::WriteGroup | QFile::ExeGroup |
                                           QFile::ReadOther | QFile::WriteOther | QFile::ExeOther;
-    if (info.isSymLink() || !info.isDir() || info.ownerId() != uint(getuid()) ||
+    if (info.isSymLink() || !info.isDir() || !ownedByThisProcess(info) ||
         !QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner) ||
         (QFileInfo(folder).permissions() & others))
         return QString();
