@@ -241,8 +241,8 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
         if (!QDesktopServices::openUrl(QUrl::fromLocalFile(path)))
             showUpdateError(QStringLiteral("The verified installer could not be opened."));
     };
-    // Queued, so that no box of this action opens inside Qt's own finishing of the reply: Qt 6.8
-    // finishes a reply that timed out from within its abort(), which uses the reply again once
-    // the signal returns, and a box's event loop may have deleted it by then.
+    // Queued, so that no box of this action opens inside Qt's own finishing of the reply: Qt
+    // finishes a reply that timed out from code of its own that uses the reply again once the
+    // signal returns, and a box's event loop may have deleted it by then.
     connect(reply, &QNetworkReply::finished, this, finished, Qt::QueuedConnection);
 }
