@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 #include "tessivane-api.h"
+#include "tessivane-replies.h"
 
 #include <QJsonDocument>
 #include <QJsonParseError>
@@ -11,13 +12,8 @@
 namespace {
 // The client's own number, kept apart from the plug-in's version on purpose.
 constexpr char userAgent[] = "Tessivane-OBS-Plugin/0.3.0";
-// A reply that says nothing for this long is given up, so that nothing waits for ever.
-constexpr int silenceMs = 30000;
 // No reply of the service's comes near this; a larger one is not held in OBS's memory.
 constexpr qint64 largestReply = 4 * 1024 * 1024;
-// Why the client ended a reply itself, read when it finishes: empty when abortAll ended it, and
-// not set at all when Qt gave up on a silent reply.
-constexpr char endedBecause[] = "tessivaneEndedBecause";
 
 bool sameOrigin(const QUrl &a, const QUrl &b)
 {
@@ -26,12 +22,22 @@ bool sameOrigin(const QUrl &a, const QUrl &b)
                b.port(b.scheme() == QLatin1String("https") ? 443 : 80);
 }
 
-// Ends a reply from one of its own signals: the abort waits for the signal to return, and the
-// reason stands however the reply finishes meanwhile.
-void endReply(QNetworkReply *reply, const QString &why)
+// A failed reply in the client's own words where it knows better than Qt, else in the service's
+// ("error" first, then "message"), else in Qt's.
+QString failureText(const QNetworkReply *reply, const QJsonObject &object)
 {
-    reply->setProperty(endedBecause, why);
-    QMetaObject::invokeMethod(reply, &QNetworkReply::abort, Qt::QueuedConnection);
+    if (earlyEnd(reply) == EarlyEnd::TooLarge)
+        return QStringLiteral("Tessivane's reply was too large to read.");
+    if (replyFellSilent(reply))
+        return QStringLiteral("Tessivane did not answer. Try again in a moment.");
+    if (reply->error() == QNetworkReply::InsecureRedirectError)
+        return QStringLiteral("Tessivane sent the request elsewhere; it was stopped.");
+    for (const char *key : {"error", "message"}) {
+        const QJsonValue text = object.value(QLatin1String(key));
+        if (text.isString() && !text.toString().trimmed().isEmpty())
+            return text.toString().trimmed();
+    }
+    return reply->errorString();
 }
 
 // An id or provider word in a path, escaped here and once more by the request frame, which takes
@@ -66,10 +72,8 @@ QString TessivaneApi::sessionToken() const
 void TessivaneApi::abortAll()
 {
     const QList<QNetworkReply *> replies = manager_.findChildren<QNetworkReply *>();
-    for (QNetworkReply *reply : replies) {
-        reply->setProperty(endedBecause, QString());
-        reply->abort();
-    }
+    for (QNetworkReply *reply : replies)
+        endEarly(reply, EarlyEnd::Aborted, Qt::DirectConnection);
 }
 
 QNetworkRequest TessivaneApi::requestFor(const QString &path) const
@@ -87,10 +91,10 @@ QNetworkRequest TessivaneApi::requestFor(const QString &path) const
     if (!sessionToken_.isEmpty())
         request.setRawHeader("Authorization", "Bearer " + sessionToken_.toUtf8());
     // The session and the password go nowhere but to the service: a redirect is followed only
-    // within its origin.
+    // within its origin, scheme and port included.
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         int(QNetworkRequest::UserVerifiedRedirectPolicy));
-    request.setTransferTimeout(silenceMs);
+                         int(QNetworkRequest::SameOriginRedirectPolicy));
+    request.setTransferTimeout(silenceMs_);
     return request;
 }
 
@@ -110,24 +114,7 @@ void TessivaneApi::post(const QString &path, const QJsonObject &body, const QStr
 
 void TessivaneApi::handleReply(QNetworkReply *reply, const QString &operation, Callback callback)
 {
-    connect(reply, &QNetworkReply::redirected, this, [this, reply](const QUrl &target) {
-        if (sameOrigin(target, baseUrl_))
-            Q_EMIT reply->redirectAllowed();
-        else
-            endReply(reply,
-                     QStringLiteral("Tessivane sent the request elsewhere; it was stopped."));
-    });
-    // Qt reads no further than the buffer holds, so that even an endless reply costs no more.
-    reply->setReadBufferSize(largestReply + 1);
-    const auto tooLarge = [reply](qint64 size) {
-        if (size > largestReply && reply->isRunning())
-            endReply(reply, QStringLiteral("Tessivane's reply was too large to read."));
-    };
-    connect(reply, &QNetworkReply::metaDataChanged, reply, [reply, tooLarge]() {
-        tooLarge(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong());
-    });
-    connect(reply, &QNetworkReply::readyRead, reply,
-            [reply, tooLarge]() { tooLarge(reply->bytesAvailable()); });
+    boundReplySize(reply, largestReply);
     connect(
         reply, &QNetworkReply::finished, this,
         [this, reply, operation, callback = std::move(callback)]() {
@@ -137,20 +124,8 @@ void TessivaneApi::handleReply(QNetworkReply *reply, const QString &operation, C
             const QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
             const QJsonObject object = document.isObject() ? document.object() : QJsonObject();
 
-            const QVariant ended = reply->property(endedBecause);
-            if (reply->error() != QNetworkReply::NoError || !ended.toString().isEmpty()) {
-                QString message = ended.toString();
-                if (!ended.isValid() && reply->error() == QNetworkReply::OperationCanceledError)
-                    message = QStringLiteral("Tessivane did not answer. Try again in a moment.");
-                else if (message.isEmpty())
-                    message = reply->errorString();
-                const QJsonValue error = object.value(QStringLiteral("error"));
-                const QJsonValue text = object.value(QStringLiteral("message"));
-                if (error.isString() && !error.toString().trimmed().isEmpty())
-                    message = error.toString().trimmed();
-                else if (text.isString() && !text.toString().trimmed().isEmpty())
-                    message = text.toString().trimmed();
-                Q_EMIT requestFailed(operation, message);
+            if (reply->error() != QNetworkReply::NoError || earlyEnd(reply) == EarlyEnd::TooLarge) {
+                Q_EMIT requestFailed(operation, failureText(reply, object));
             } else if (parseError.error != QJsonParseError::NoError && !body.trimmed().isEmpty()) {
                 Q_EMIT requestFailed(operation,
                                      QStringLiteral("Tessivane returned an invalid response."));

@@ -78,4 +78,6 @@ private:
     QNetworkAccessManager manager_;
     QUrl baseUrl_;
     QString sessionToken_;
+    // A reply that says nothing for this long is given up, so that nothing waits for ever.
+    int silenceMs_ = 30000;
 };

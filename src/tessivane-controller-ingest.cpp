@@ -13,9 +13,13 @@ QString trimmedText(const QJsonObject &record, const char *key)
     return record.value(QLatin1String(key)).toString().trimmed();
 }
 
+// Whether OBS's backup of the service that is replaced is overwritten too: OBS keeps the old
+// service there when a new one is saved, and a second save puts the new one there as well.
+enum class Backup { Kept, Overwritten };
+
 // Makes a custom RTMP service with these settings OBS's streaming service and saves it, so that
 // the saved copy never lags behind. The module keeps no reference. False if OBS made no service.
-bool replaceStreamingService(const QString &server, const QString &key)
+bool replaceStreamingService(const QString &server, const QString &key, Backup backup)
 {
     obs_data_t *settings = obs_data_create();
     obs_data_set_string(settings, "server", server.toUtf8().constData());
@@ -27,9 +31,7 @@ bool replaceStreamingService(const QString &server, const QString &key)
         return false;
     obs_frontend_set_streaming_service(service);
     obs_frontend_save_streaming_service();
-    // OBS keeps the service it replaced as a backup: a second save puts this one there too, so
-    // that no key outlives its service on disk.
-    if (server.isEmpty())
+    if (backup == Backup::Overwritten)
         obs_frontend_save_streaming_service();
     obs_service_release(service);
     return true;
@@ -47,7 +49,8 @@ void TessivaneController::configureObsIngest(const QJsonObject &ingest)
         server = trimmedText(ingest, "ingestUrl");
     const QString key = trimmedText(ingest, "streamKey");
     // An incomplete record leaves OBS's service as it is; Start Streaming asks again.
-    ingestConfigured_ = !server.isEmpty() && !key.isEmpty() && replaceStreamingService(server, key);
+    ingestConfigured_ =
+        !server.isEmpty() && !key.isEmpty() && replaceStreamingService(server, key, Backup::Kept);
     if (ingestConfigured_ && accountStatusLabel_)
         accountStatusLabel_->setText(
             QStringLiteral("OBS is ready with this account's unique stream key."));
@@ -56,9 +59,9 @@ void TessivaneController::configureObsIngest(const QJsonObject &ingest)
 void TessivaneController::clearObsIngest()
 {
     ingestConfigured_ = false;
-    // Empty rather than the user's earlier service: what matters is that no trace of this
-    // account's key stays in OBS.
-    replaceStreamingService(QString(), QString());
+    // Empty rather than the user's earlier service, and in the backup too: what matters is that
+    // no trace of this account's key stays in OBS.
+    replaceStreamingService(QString(), QString(), Backup::Overwritten);
 }
 
 void TessivaneController::handleFrontendEvent(int event)

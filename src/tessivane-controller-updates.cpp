@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
 // Finding a newer release of the plug-in, and its verified download.
 #include "tessivane-controller.h"
+#include "tessivane-replies.h"
 #include "tessivane-widgets.h"
 
 #include <QCryptographicHash>
@@ -19,23 +20,29 @@
 #include <QRegularExpression>
 #include <QSaveFile>
 #include <QStandardPaths>
+#include <QTemporaryFile>
 
 #include <obs-frontend-api.h>
-
-#include <unistd.h>
 
 namespace {
 constexpr char updaterUserAgent[] = "Tessivane-OBS-Plugin-Updater/0.3.3";
 constexpr qsizetype sha256HexLength = 64;
 // An installer is held whole in memory until its digest has matched: none may be larger.
 constexpr qint64 largestInstaller = 512LL * 1024 * 1024;
-constexpr int installerSilenceMs = 60000;
 
 // A name for a file in the updates folder and nowhere else.
 bool plainFileName(const QString &name)
 {
     return !name.contains(QLatin1Char('/')) && !name.contains(QLatin1Char('\\')) &&
            !name.contains(QLatin1String("..")) && QFileInfo(name).fileName() == name;
+}
+
+// Whether this process owns the file or folder. Its owner is that of a file the process has just
+// made in the temporary location, where nobody else can put another file in its place.
+bool ownedByThisProcess(const QFileInfo &info)
+{
+    QTemporaryFile made;
+    return made.open() && QFileInfo(made.fileName()).ownerId() == info.ownerId();
 }
 
 // The updates folder in the temporary location, which every user shares: only a real folder of
@@ -48,7 +55,7 @@ QString privateUpdatesFolder()
     const QFileInfo info(folder);
     constexpr QFile::Permissions others = QFile::ReadGroup | QFile::WriteGroup | QFile::ExeGroup |
                                           QFile::ReadOther | QFile::WriteOther | QFile::ExeOther;
-    if (info.isSymLink() || !info.isDir() || info.ownerId() != uint(getuid()) ||
+    if (info.isSymLink() || !info.isDir() || !ownedByThisProcess(info) ||
         !QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner) ||
         (QFileInfo(folder).permissions() & others))
         return QString();
@@ -183,31 +190,19 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
                          QVariant(int(QNetworkRequest::NoLessSafeRedirectPolicy)));
     request.setRawHeader("Accept", "application/octet-stream");
     request.setRawHeader("User-Agent", updaterUserAgent);
-    request.setTransferTimeout(installerSilenceMs);
+    request.setTransferTimeout(installerSilenceMs_);
     QNetworkReply *reply = downloadManager_->get(request);
-    // Qt reads no further than the buffer holds, so that an endless download costs no more.
-    reply->setReadBufferSize(largest + 1);
-    const auto tooLarge = [reply, largest](qint64 size) {
-        if (size > largest && reply->isRunning()) {
-            reply->setProperty("tooLarge", true);
-            QMetaObject::invokeMethod(reply, &QNetworkReply::abort, Qt::QueuedConnection);
-        }
-    };
-    connect(reply, &QNetworkReply::metaDataChanged, reply, [reply, tooLarge]() {
-        tooLarge(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong());
-    });
-    connect(reply, &QNetworkReply::readyRead, reply,
-            [reply, tooLarge]() { tooLarge(reply->bytesAvailable()); });
+    boundReplySize(reply, largest);
 
-    connect(reply, &QNetworkReply::finished, this, [this, reply, sha256, name]() {
+    const auto finished = [this, reply, sha256, name]() {
         // The installer stays in memory until its digest has matched: no unverified byte is
         // ever written.
         const QByteArray body = reply->isOpen() ? reply->readAll() : QByteArray();
         QString errorText =
             reply->error() != QNetworkReply::NoError ? reply->errorString() : QString();
-        if (reply->property("tooLarge").toBool())
+        if (earlyEnd(reply) == EarlyEnd::TooLarge)
             errorText = QStringLiteral("the installer is larger than its release says");
-        else if (reply->error() == QNetworkReply::OperationCanceledError)
+        else if (replyFellSilent(reply))
             errorText = QStringLiteral("the server stopped answering");
         reply->deleteLater();
         setEnabledKeepingFocus(checkUpdatesButton_, true, updateStatusLabel_);
@@ -249,5 +244,9 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
         tell(QStringLiteral("Update verified. Opening installer..."), false);
         if (!QDesktopServices::openUrl(QUrl::fromLocalFile(path)))
             showUpdateError(QStringLiteral("The verified installer could not be opened."));
-    });
+    };
+    // Queued, so that no box of this action opens inside Qt's own finishing of the reply: Qt
+    // finishes a reply that timed out from code of its own that uses the reply again once the
+    // signal returns, and a box's event loop may have deleted it by then.
+    connect(reply, &QNetworkReply::finished, this, finished, Qt::QueuedConnection);
 }

@@ -153,6 +153,8 @@ private:
     QTimer *pollTimer_ = nullptr;
     QTimer *updateTimer_ = nullptr;
     QNetworkAccessManager *downloadManager_ = nullptr;
+    // An installer's host that says nothing for this long is given up.
+    int installerSilenceMs_ = 60000;
     QElapsedTimer healthClock_;
     quint64 lastTotalBytes_ = 0;
 };

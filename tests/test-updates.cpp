@@ -21,7 +21,8 @@ const char saved[] = "The verified installer could not be saved.";
 const QByteArray installer = "#!/bin/sh\necho installed\n";
 
 // The release's url (%1: the service's origin, %2: the same over http), sha256, name and size;
-// the answer to "/x"; the updates folder before (see prepare()); the label and the box at the end.
+// the answer to "/x" (0: none ever); the updates folder before (see prepare()); the label and the
+// box at the end.
 struct Download {
     const char *url;
     QString sha256;
@@ -131,6 +132,8 @@ private Q_SLOTS:
              "Download failed: Error transferring %1/x - server replied: Not Found"},
             {"%1/x", sha, "i.pkg", 0, 302, "%2/i.pkg", "stale", failed,
              "Download failed: Insecure redirect"},
+            {"%1/x", sha, "i.pkg", 0, ScriptedService::hold, "", "stale", failed,
+             "Download failed: the server stopped answering"},
             {"%1/i.pkg", sha, "i.pkg", 24, 0, "", "none", failed,
              "Download failed: the installer is larger than its release says"},
             {"%1/i.pkg", QString(64, 'z'), "i.pkg", 0, 0, "", "none", "Update verification failed.",
@@ -188,6 +191,10 @@ private Q_SLOTS:
         service_.replies["/x"] = {row.code, "{}", expand(row.location).toUtf8()};
         if (box.endsWith("opened."))
             QDesktopServices::unsetUrlHandler("file");
+        // Qt itself gives up on a silent host, after a wait shortened for the test.
+        QCOMPARE(TessivaneTestAccess::installerSilence(*controller_), 60000);
+        if (box.endsWith("answering"))
+            TessivaneTestAccess::installerSilence(*controller_) = 200;
         api().setSessionToken("secret");
 
         Q_EMIT api().pluginReleaseLoaded({{"available", true},

@@ -44,7 +44,12 @@ ScriptedService::ScriptedService(QObject *parent) : QObject(parent)
         headers.append(QHttpHeaders::WellKnownHeader::ContentType, "application/json");
         if (!reply.location.isEmpty())
             headers.append(QHttpHeaders::WellKnownHeader::Location, reply.location);
-        responder.write(reply.body, headers, QHttpServerResponder::StatusCode(reply.status));
+        const auto status = QHttpServerResponder::StatusCode(reply.status);
+        if (!reply.chunked)
+            return responder.write(reply.body, headers, status);
+        responder.writeBeginChunked(headers, status);
+        responder.writeChunk(reply.body);
+        responder.writeEndChunked({});
     });
 }
 

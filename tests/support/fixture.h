@@ -39,6 +39,7 @@ public:
         int status = 200; // 0: never answered
         QByteArray body = "{}";
         QByteArray location = {}; // a Location header, for redirects
+        bool chunked = false;     // sent without its length
     };
     static constexpr int hold = 0;
 
@@ -75,6 +76,12 @@ struct TessivaneTestAccess {
         });
     }
     static QObject *manager(TessivaneApi &api) { return &api.manager_; }
+    // How long a silent reply is waited for: lowered by a test that waits for one.
+    static int &silence(TessivaneApi &api) { return api.silenceMs_; }
+    static int &installerSilence(TessivaneController &controller)
+    {
+        return controller.installerSilenceMs_;
+    }
 };
 
 class ControllerTest : public QObject {
