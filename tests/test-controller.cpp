@@ -224,8 +224,8 @@ private Q_SLOTS:
             << "Check for Updates" << false << false << false;
         QTest::newRow("save") << "Save stream information" << true << false << true;
         QTest::newRow("stream started") << "Start stream session" << true << false << false;
-        QTest::newRow("search, nobody typing") << "Search twitch categories" << true << false
-                                               << false;
+        QTest::newRow("search, nobody typing")
+            << "Search twitch categories" << true << false << false;
         for (const char *operation : {"Sign in", "Sign out", "Send chat", "Update channel",
                                       "Remove channel", "Connect kick", "Add facebook Live"})
             QTest::newRow(operation) << operation << false << false << true;

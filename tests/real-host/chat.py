@@ -21,7 +21,8 @@ def run(host):
             if showing(row)]
     check(all(row.description == PLATFORMS[row.name.split(" • ")[0]] for row in rows),
           "a screen reader hears each row's platform")
-    host.press("Tab", focus="Chat messages")
+    for name in ("Start Streaming", "Chat messages"):
+        host.press("Tab", focus=name)
     target = host.one("combo box", dock=CHAT)
     host.press("Tab", focus=target.name)
     check(target.description == "Chat target", "the target box says what it is for")

@@ -30,7 +30,7 @@ def start(host):
     wait_for("OBS's profile holds a custom RTMP service with the account's ingest", lambda: (
         saved := host.streaming_service())["type"] == "rtmp_custom"
         and saved["settings"].items() >= settings.items())
-    host.press("Tab", focus="Start Streaming")
+    back_to_button(host, "Start Streaming")
     host.press("Space")
     # Should the ingest refuse the stream, OBS's box saying why is in the failure's dump.
     host.one("button", "Stop Streaming", DOCK, timeout=40)
@@ -44,10 +44,14 @@ def start(host):
         host.screenshot("health.png")
 
 
-def stop(host):
-    """From the Chat dock's message field, back to the button."""
-    for name in (None, "Chat messages", "Stop Streaming"):  # the target box first
+def back_to_button(host, caption):
+    """From the Chat dock's message field, back past its target box and its feed."""
+    for name in (None, "Chat messages", caption):
         host.press("Shift+Tab", focus=name)
+
+
+def stop(host):
+    back_to_button(host, "Stop Streaming")
     host.press("Space")
     host.one("button", "Start Streaming", DOCK)
     wait_for("the service was told the stream is off", lambda: "live" not in platform_states(host))
