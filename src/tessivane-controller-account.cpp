@@ -25,8 +25,9 @@ constexpr QLatin1String sessionTokenKey("sessionToken");
 // The name the account goes by on the docks: its name, or else its address.
 QString accountName(const QJsonObject &account)
 {
-    const QString name = account.value(QStringLiteral("name")).toString().trimmed();
-    return name.isEmpty() ? account.value(QStringLiteral("email")).toString().trimmed() : name;
+    const QString name = oneLine(account.value(QStringLiteral("name")).toString()).trimmed();
+    return name.isEmpty() ? oneLine(account.value(QStringLiteral("email")).toString()).trimmed()
+                          : name;
 }
 
 QString planText(const QJsonValue &plan)
@@ -145,9 +146,10 @@ void TessivaneController::setSignedInUi(bool signedIn)
         accountStatusLabel_->setText(QString());
         return;
     }
-    const QString email = account_.value(QStringLiteral("email")).toString().trimmed();
+    // Two lines, the plan's and the address's, each one line of the record.
+    const QString email = oneLine(account_.value(QStringLiteral("email")).toString()).trimmed();
     accountNameLabel_->setText(shownText(accountName(account_)));
-    QString plan = planText(account_.value(QStringLiteral("plan")));
+    QString plan = oneLine(planText(account_.value(QStringLiteral("plan"))));
     if (plan.isEmpty())
         plan = QStringLiteral("Free");
     accountDetailLabel_->setText(shownText(QStringLiteral("%1 plan\n%2").arg(plan, email)));

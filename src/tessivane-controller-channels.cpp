@@ -83,9 +83,10 @@ void clearLayout(QLayout *layout)
     }
 }
 
+// What a card shows of a record: one line of it.
 QString jsonString(const QJsonObject &object, const QString &key, const QString &fallback)
 {
-    const QString text = object.value(key).toString().trimmed();
+    const QString text = oneLine(object.value(key).toString()).trimmed();
     return text.isEmpty() ? fallback : text;
 }
 
@@ -298,8 +299,9 @@ void TessivaneController::renderChannels(const QJsonArray &channels)
             // the id taken here, never to whatever card stands in this place afterwards.
             QPointer<QMessageBox> box = new QMessageBox(
                 QMessageBox::Question, QStringLiteral("Remove Channel"),
-                QStringLiteral("Remove %1 from Tessivane? You can connect it again later.")
-                    .arg(name),
+                shownText(
+                    QStringLiteral("Remove %1 from Tessivane? You can connect it again later.")
+                        .arg(name)),
                 QMessageBox::Yes | QMessageBox::Cancel, channelsContainer_);
             box->setDefaultButton(QMessageBox::Cancel);
             box->setTextFormat(Qt::PlainText);

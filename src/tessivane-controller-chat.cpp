@@ -124,6 +124,12 @@ QString field(const QJsonObject &record, QLatin1String key)
     return record.value(key).toString();
 }
 
+// What a row shows of a record: one line of it.
+QString line(const QJsonObject &record, QLatin1String key)
+{
+    return oneLine(field(record, key));
+}
+
 } // namespace
 
 QWidget *TessivaneController::buildChatDock()
@@ -200,9 +206,9 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
             // One pass, so that a "%1" in a message is shown as typed.
             auto *item = new QListWidgetItem(chatBadge(providerUpper.toLower()),
                                              QStringLiteral("%1 • %2: %3")
-                                                 .arg(field(message, QLatin1String("channel")),
-                                                      field(message, QLatin1String("author")),
-                                                      field(message, QLatin1String("text"))));
+                                                 .arg(line(message, QLatin1String("channel")),
+                                                      line(message, QLatin1String("author")),
+                                                      line(message, QLatin1String("text"))));
             // Complete before it joins the list, which then hears of it once. A tool tip that
             // looks like markup would be shown as such.
             item->setToolTip(Qt::mightBeRichText(providerUpper)
@@ -229,7 +235,7 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
             ++connectedCount;
         else
             statusLines.append(QStringLiteral("%1: %2").arg(
-                field(adapter, QLatin1String("channel")), field(adapter, QLatin1String("detail"))));
+                line(adapter, QLatin1String("channel")), line(adapter, QLatin1String("detail"))));
     }
 
     if (!chatAdaptersSignature_ || !sameJson(*chatAdaptersSignature_, adapters)) {
@@ -246,17 +252,17 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
             const QString provider = field(adapter, QLatin1String("provider")).toLower();
             providers.insert(provider);
             chatTargetCombo_->addItem(
-                QStringLiteral("%1 • %2").arg(provider.toUpper(),
-                                              field(adapter, QLatin1String("channel"))),
+                QStringLiteral("%1 • %2").arg(oneLine(provider.toUpper()),
+                                              line(adapter, QLatin1String("channel"))),
                 QStringLiteral("channel:%1")
                     .arg(channelIdText(adapter.value(QLatin1String("channelId")))));
         }
         // Each platform's row goes above the channel rows.
         int index = 1;
         for (const QString &provider : std::as_const(providers))
-            chatTargetCombo_->insertItem(index++,
-                                         QStringLiteral("All %1 channels").arg(provider.toUpper()),
-                                         QStringLiteral("provider:%1").arg(provider));
+            chatTargetCombo_->insertItem(
+                index++, QStringLiteral("All %1 channels").arg(oneLine(provider.toUpper())),
+                QStringLiteral("provider:%1").arg(provider));
         const int found = chatTargetCombo_->findData(chosen, Qt::UserRole,
                                                      Qt::MatchExactly | Qt::MatchCaseSensitive);
         chatTargetCombo_->setCurrentIndex(found < 0 ? 0 : found);

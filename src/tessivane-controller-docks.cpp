@@ -13,6 +13,7 @@
 #include <QMainWindow>
 #include <QScrollArea>
 #include <QScrollBar>
+#include <QTextBoundaryFinder>
 #include <QVBoxLayout>
 
 #include <obs-config.h>
@@ -237,26 +238,52 @@ QString shownText(const QString &text)
     // pixels high breaks Qt's painting.
     constexpr qsizetype longest = 4096;
     // A label wraps only between words: a break may fall after this many characters of a longer
-    // one, so that an address or a name without blanks stays inside the dock.
+    // one, so that an address or a name without blanks stays inside the dock. A character is what
+    // a reader sees as one: a letter with its marks, a flag, an emoji joined of several.
     constexpr int wordPiece = 24;
-    qsizetype end = qMin(text.size(), longest);
-    if (end < text.size() && text.at(end - 1).isHighSurrogate())
-        --end;
+    const QStringView head = QStringView(text).left(longest + 1);
+    QTextBoundaryFinder characters(QTextBoundaryFinder::Grapheme, head.data(), head.size());
     QString shown;
-    shown.reserve(end + end / wordPiece + 1);
+    shown.reserve(head.size() + head.size() / wordPiece + 1);
     int run = 0;
-    for (qsizetype i = 0; i < end; ++i) {
-        const QChar c = text.at(i);
-        run = c.isSpace() ? 0 : run + 1;
-        if (run > wordPiece && !c.isLowSurrogate()) {
+    for (qsizetype start = 0, end; start < head.size(); start = end) {
+        end = characters.toNextBoundary();
+        if (end > longest)
+            return shown.append(QChar(0x2026)); // ellipsis
+        const QStringView character = head.mid(start, end - start);
+        run = character.front().isSpace() ? 0 : run + 1;
+        if (run > wordPiece) {
             shown.append(QChar(0x200B)); // zero width space
             run = 1;
         }
-        shown.append(c);
+        shown.append(character);
     }
-    if (end < text.size())
-        shown.append(QChar(0x2026)); // ellipsis
     return shown;
+}
+
+QString oneLine(QString text)
+{
+    for (QChar &c : text) {
+        switch (c.unicode()) {
+        case u'\n':
+        case u'\r':
+        case u'\v':
+        case u'\f':
+        case 0x0085: // next line
+        case 0x2028: // line separator
+        case 0x2029: // paragraph separator
+            c = QLatin1Char(' ');
+            break;
+        default:
+            break;
+        }
+    }
+    // Embeddings, overrides and isolates, with their ends.
+    text.removeIf([](QChar c) {
+        return (c.unicode() >= 0x202A && c.unicode() <= 0x202E) ||
+               (c.unicode() >= 0x2066 && c.unicode() <= 0x2069);
+    });
+    return text;
 }
 
 void announce(QWidget *source, const QString &text, bool failure)

@@ -231,8 +231,8 @@ void TessivaneController::showSyncResults(const QJsonArray &syncResults)
         if (result.value(QLatin1String("ok")).toBool(false))
             ++updated;
         else
-            failures.append(
-                QStringLiteral("%1: %2").arg(field(result, "channel"), field(result, "error")));
+            failures.append(QStringLiteral("%1: %2").arg(oneLine(field(result, "channel")),
+                                                         oneLine(field(result, "error"))));
     }
     streamInfoStatusLabel_->setText(shownText(
         failures.isEmpty()
@@ -254,7 +254,7 @@ void TessivaneController::fillCategories(const QString &provider, const QJsonArr
     box->clear();
     for (const QJsonValue &value : categories) {
         const QJsonObject category = value.toObject();
-        box->addItem(QIcon(), field(category, "name"), field(category, "id"));
+        box->addItem(QIcon(), oneLine(field(category, "name")), field(category, "id"));
     }
     box->setCurrentText(text);
     box->blockSignals(false);

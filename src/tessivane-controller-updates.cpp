@@ -72,7 +72,8 @@ QMessageBox::StandardButton ask(QMessageBox::Icon icon, const QString &title, co
                                 QMessageBox::StandardButtons buttons,
                                 QMessageBox::StandardButton defaultButton = QMessageBox::NoButton)
 {
-    QMessageBox box(icon, title, text, buttons, mainWindow());
+    // Cut as a label is: the service's version or address may be a word of megabytes.
+    QMessageBox box(icon, title, shownText(text), buttons, mainWindow());
     box.setTextFormat(Qt::PlainText);
     box.setDefaultButton(defaultButton);
     return QMessageBox::StandardButton(box.exec());
@@ -128,7 +129,7 @@ void TessivaneController::checkForUpdates(bool manual)
 void TessivaneController::handlePluginRelease(const QJsonObject &release)
 {
     setEnabledKeepingFocus(checkUpdatesButton_, true, updateStatusLabel_);
-    const QString version = release.value(QStringLiteral("version")).toString().trimmed();
+    const QString version = oneLine(release.value(QStringLiteral("version")).toString()).trimmed();
     const bool newer = release.value(QStringLiteral("available")).toBool() && isNewer(version);
     setText(updateStatusLabel_,
             newer ? shownText(QStringLiteral("Version %1 is available.").arg(version))
@@ -180,7 +181,7 @@ void TessivaneController::downloadAndInstallUpdate(const QJsonObject &release)
         return;
     }
 
-    setText(updateStatusLabel_, shownText(QStringLiteral("Downloading %1...").arg(name)));
+    setText(updateStatusLabel_, shownText(QStringLiteral("Downloading %1...").arg(oneLine(name))));
     setEnabledKeepingFocus(checkUpdatesButton_, false, updateStatusLabel_);
 
     // A manager of its own, so that neither the session token nor the client's headers ever

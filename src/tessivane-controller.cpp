@@ -273,7 +273,8 @@ void TessivaneController::connectApi()
     });
     connect(&api_, &TessivaneApi::requestFailed, this,
             [this](const QString &operation, const QString &message) {
-                const QString text = shownText(QStringLiteral("%1: %2").arg(operation, message));
+                const QString text =
+                    shownText(QStringLiteral("%1: %2").arg(operation, oneLine(message)));
                 announce(failureSource(operation), text, true);
                 if (operation == QLatin1String("Check for updates")) {
                     manualUpdateCheck_ = false;

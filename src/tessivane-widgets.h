@@ -29,8 +29,12 @@ void showThrough(QScrollArea *scroll);
 QLabel *heading(const QString &text, QWidget *parent);
 QLabel *muted(const QString &text, QWidget *parent);
 // A text from the service as a label shows it: cut after 4096 characters, and free to wrap
-// inside a long word.
+// inside a long word, between two of its characters as a reader sees them.
 QString shownText(const QString &text);
+// A text from the service or a viewer that stands on one line of a row or label: its line breaks
+// become blanks, so that it cannot pass for further rows, and its direction overrides and
+// isolates go, so that it cannot turn the rest of the row around.
+QString oneLine(QString text);
 
 // Tells a screen reader the result of what the streamer just did, as if read from `source`:
 // politely, or at once for a failure. Polls and replies nobody asked for are never told.

@@ -33,10 +33,10 @@ private Q_SLOTS:
     {
         QCOMPARE(render(R"([{"id":42,"name":" A ","providerName":" Tw ","provider":"x",
             "status":" On ","selected":true}, {"id":42.9,"name":" ","provider":" kick ",
-            "status":" ","selected":1}, {"id":" 5%","name":"%2","selected":"true"}, 7,
+            "status":" ","selected":1}, {"id":" 5%","name":"%2\n\u202eX","selected":"true"}, 7,
             {"id":-1e300}])"),
                  "1 of 5 selected/Tw  |  On/kick  |  Offline/Platform  |  Offline/Platform  |  "
-                 "Offline/Platform  |  Offline/A/kick/%2/Platform/Platform");
+                 "Offline/Platform  |  Offline/A/kick/%2 X/Platform/Platform");
         for (QCheckBox *toggle : dock()->findChildren<QCheckBox *>()) {
             // The switch is a pill, wider than high.
             QStyleOptionButton option;

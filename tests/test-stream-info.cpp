@@ -9,6 +9,7 @@
 #include <QPushButton>
 #include <QScrollArea>
 #include <QScrollBar>
+#include <QTextBoundaryFinder>
 #include <QTextEdit>
 
 class TestStreamInfo : public ControllerTest {
@@ -80,6 +81,12 @@ private Q_SLOTS:
         QTest::newRow("a 256 KB word") << QString(262144, 'x') << 4096;
         // The cut falls between the halves of a character, which goes whole.
         QTest::newRow("emoji") << "x" + QString::fromUtf8("\U0001F600").repeated(3000) << 4095;
+        // Characters of several code points: a break never falls inside one.
+        QTest::newRow("joined emoji and flags")
+            << QString::fromUtf8("\U0001F469\u200D\U0001F4BB\U0001F1EB\U0001F1F7").repeated(40)
+            << 0;
+        QTest::newRow("Thai with its marks")
+            << QString::fromUtf8("\u0E01\u0E31").repeated(120) << 0;
     }
 
     void longTextsStayInsideTheDock()
@@ -102,8 +109,15 @@ private Q_SLOTS:
 
         const QString full = "Updated 0. c: " + word;
         QFETCH(int, kept);
-        QCOMPARE(line->text().remove(QChar(0x200B)),
+        QCOMPARE(QString(line->text()).remove(QChar(0x200B)),
                  full.size() <= 4096 ? full : full.left(kept) + QChar(0x2026));
+        QTextBoundaryFinder characters(QTextBoundaryFinder::Grapheme, full);
+        qsizetype at = 0;
+        for (const QChar c : line->text()) {
+            characters.setPosition(at);
+            QVERIFY2(c != QChar(0x200B) || characters.isAtBoundary(), "a break inside a character");
+            at += c != QChar(0x200B);
+        }
         QCOMPARE(dock()->minimumSizeHint().width(), narrowest);
         QVERIFY(line->width() < dock()->width());
         QCOMPARE(description->toPlainText(), word);

@@ -70,6 +70,9 @@ private Q_SLOTS:
         }
         QCOMPARE(modals_, QStringList({question.arg("V1.0"), question.arg("0.3.10"),
                                        question.arg("0.3.4-rc.1"), question.arg("0.3.3.1")}));
+        // A version of a quarter of a megabyte is cut in the box, as on the label.
+        emitRelease("1." + QString(262144, '9'));
+        QVERIFY(modals_.size() == 5 && modals_.last().size() < 4200);
     }
 
     void manualAndTimerChecksAndTheOneOpenQuestion()

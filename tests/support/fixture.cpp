@@ -85,7 +85,7 @@ ControllerTest::ControllerTest()
         answered = dialog;
         if (auto *box = qobject_cast<QMessageBox *>(dialog))
             // Names and versions come from the service: never read as markup.
-            modals_ << box->windowTitle() + '|' + box->text() +
+            modals_ << box->windowTitle() + '|' + QString(box->text()).remove(QChar(0x200B)) +
                            (box->textFormat() == Qt::PlainText ? "" : "|as markup");
         else if (auto *input = qobject_cast<QInputDialog *>(dialog))
             modals_ << QStringList{input->windowTitle(), input->labelText(),
