@@ -200,6 +200,7 @@ private Q_SLOTS:
         QTRY_COMPARE(failed_.count(), 4);
         // Qt itself gives up on the silent reply, after a wait shortened for the test.
         QCOMPARE(TessivaneTestAccess::silence(api_), 30000);
+        const auto restore = qScopeGuard([this] { TessivaneTestAccess::silence(api_) = 30000; });
         TessivaneTestAccess::silence(api_) = 200;
         service_.replies["/api/channels"].status = ScriptedService::hold;
         api_.fetchChannels();
