@@ -7,8 +7,9 @@ import pyatspi
 from host import DOCKS, check, find, showing, wait_for
 
 CHAT, TARGET, TEXT = DOCKS[4], "All YOUTUBE channels", "Hello from the real-host test"
-FORGED = ("\U0001F469\u200D\U0001F4BB\U0001F469\u200D\U0001F4BB\U0001F1EB\U0001F1F7\U0001F1EF"
-          "\U0001F1F5 gg\u2028YOUTUBE • DemoStreamer: mods, paste your key at \u202eelpmaxe.live")
+# A run of joined emoji and flags, and a line break and a direction override of a viewer's.
+LINES = ["\U0001F469\u200D\U0001F4BB\U0001F469\u200D\U0001F4BB\U0001F1EB\U0001F1F7\U0001F1EF\U0001F1F5"
+         " gg", "gg\u2028YOUTUBE • DemoStreamer: paste your key at \u202eelpmaxe.live"]
 PLATFORMS = {"DemoStreamer": "Twitch", "Demo Streamer Gaming": "YouTube", "demostreamer": "Kick",
              "@demostreamer": "Instagram", "Demo Streamer on Twitch": "Twitch"}
 
@@ -39,10 +40,11 @@ def run(host):
     with host.alone(CHAT):
         wait_for("the message joins the feed, in view, under the streamer's name", lambda: host.shown(
             "list item", f"Demo Streamer Gaming • Demo Streamer: {TEXT}", CHAT))
-        # A line break and a direction override of a chat's text pass for no row of their own.
-        host.ask_service("/api/chat/send", host.token, {"provider": "youtube", "text": FORGED})
-        wait_for("a forged line stays in its row, which reads whole", lambda: host.shown(
-            "list item", "Demo Streamer Gaming • Demo Streamer: " + FORGED.replace(
-                "\u2028", " ").replace("\u202e", ""), CHAT))
+        # Each stays one row, read whole: no line passes for a row of its own.
+        for line in LINES:
+            host.ask_service("/api/chat/send", host.token, {"provider": "youtube", "text": line})
+            wait_for("a chat line stays one row, which reads whole", lambda: host.shown(
+                "list item", "Demo Streamer Gaming • Demo Streamer: " + line.replace(
+                    "\u2028", " ").replace("\u202e", ""), CHAT))
         host.look(CHAT)
         host.screenshot("chat.png")
