@@ -90,8 +90,12 @@ bool TessivaneController::initialize()
     connect(updateTimer_, &QTimer::timeout, this, [this]() { checkForUpdates(false); });
     updateTimer_->start();
 
-    QTimer::singleShot(firstUpdateCheckMs, Qt::CoarseTimer, this,
-                       [this]() { checkForUpdates(false); });
+    // Once, a while after the start; a timer of the controller's, so that it goes with it.
+    auto *firstUpdateCheck = new QTimer(this);
+    firstUpdateCheck->setSingleShot(true);
+    firstUpdateCheck->setTimerType(Qt::CoarseTimer);
+    connect(firstUpdateCheck, &QTimer::timeout, this, [this]() { checkForUpdates(false); });
+    firstUpdateCheck->start(firstUpdateCheckMs);
 
     const QString token = loadSession();
     if (!token.isEmpty()) {

@@ -43,8 +43,8 @@ private Q_SLOTS:
             R"([{"provider":"YouTube","channel":"C","author":"A","text":"%2 %1"},
             {"provider":"twitch","author":"B\u2028\u202e","text":"\u2066x\ny\u2029\r"},
             {"provider":"KICK"}, {"provider":"facebook"},
-            {"provider":"<i>"})" +
-            QByteArray(",5").repeated(55) + "]";
+            {"provider":"<i>"}, {"provider":"Instagram"})" +
+            QByteArray(",5").repeated(54) + "]";
         // Badges are painted once per platform: these come first, out of the table's order.
         reply(R"([{"provider":"kick"},{"provider":"Instagram"}])", "[]");
         reply(feed, "[]");
@@ -56,8 +56,9 @@ private Q_SLOTS:
                                   {"TWITCH", "#9146ff", "#fff", "Twitch"},
                                   {"KICK", "#53fc18", "#000", "Kick"},
                                   {"FACEBOOK", "#34e6bd", "#fff", "Facebook"},
-                                  {"<p>&lt;I&gt;</p>", "#34e6bd", "#fff", "<i>"}};
-        for (int i = 0; i < 5; ++i) {
+                                  {"<p>&lt;I&gt;</p>", "#34e6bd", "#fff", "<i>"},
+                                  {"INSTAGRAM", "#34e6bd", "#fff", "Instagram"}};
+        for (int i = 0; i < 6; ++i) {
             QCOMPARE(in<QListWidget>()->item(i)->toolTip(), looks[i][0]);
             QCOMPARE(in<QListWidget>()->item(i)->data(Qt::AccessibleDescriptionRole), looks[i][3]);
             const QImage icon = in<QListWidget>()->item(i)->icon().pixmap(20, 20).toImage();

@@ -4,6 +4,7 @@
 
 #include <obs-config.h>
 
+#include <QComboBox>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
@@ -40,7 +41,7 @@ class TestController : public ControllerTest {
 private Q_SLOTS:
     void startRegistersFiveDocksInOrder()
     {
-        QCOMPARE(activeTimers(*controller_), QList<int>({2000, 10000, 21600000}));
+        QCOMPARE(activeTimers(*controller_), QList<int>({2000, 10000, 10000, 21600000}));
         for (int i = 0; i < docks.size(); ++i) {
             QCOMPARE(hostDouble::calls().at(i), "add_dock " + docks[i]);
             QDockWidget *dock = hostDouble::dock(docks[i]);
@@ -102,8 +103,8 @@ private Q_SLOTS:
                  QStringList({"remove_dock tessivane.account", "remove_dock tessivane.channels",
                               "remove_dock tessivane.chat", "remove_dock tessivane.stream-health",
                               "remove_dock tessivane.stream-information"}));
-        // Only the six-hourly release check outlives shutdown, until the object goes.
-        QCOMPARE(activeTimers(*controller_), QList<int>({21600000}));
+        // Only the release checks outlive shutdown, until the object goes.
+        QCOMPARE(activeTimers(*controller_), QList<int>({10000, 21600000}));
         delete account;
 
         // Stopped, nothing touches the widgets that went with the docks.
@@ -173,6 +174,41 @@ private Q_SLOTS:
                 QVERIFY2(docks[i] == gone || texts(panel(qPrintable(docks[i]))).contains(text),
                          qPrintable(text));
         }
+    }
+
+    // A line break or a direction override in any text of the service or of a viewer stays
+    // inside its line, in every dock, every box and every list: only the account's own two lines
+    // stand apart.
+    void serviceTextsStandOnOneLine()
+    {
+        const QString forged = QString::fromUtf8("a\nb\u2028c\u2029d\u202ee\u2066f");
+        const QJsonObject user{{"name", forged}, {"email", forged}, {"plan", forged}};
+        const QJsonObject said{{"channel", forged},  {"author", forged},       {"text", forged},
+                               {"provider", forged}, {"detail", forged},       {"error", forged},
+                               {"name", forged},     {"providerName", forged}, {"status", forged}};
+        QJsonObject adapter = said;
+        adapter.insert("connected", true);
+        TessivaneApi &client = api();
+        Q_EMIT client.accountLoaded(user);
+        Q_EMIT client.channelsLoaded({said}, {});
+        Q_EMIT client.streamProfileSaved({}, {said});
+        Q_EMIT client.categoriesLoaded("twitch", {said});
+        Q_EMIT client.chatLoaded({said}, {adapter, said});
+        Q_EMIT client.chatLoaded({}, {said});
+        Q_EMIT client.pluginReleaseLoaded({{"available", true}, {"version", "9." + forged}});
+        Q_EMIT client.requestFailed("Load chat", forged);
+        QStringList shown = modals_;
+        for (const QString &id : docks) {
+            shown += texts(panel(qPrintable(id)));
+            for (QComboBox *box : panel(qPrintable(id))->findChildren<QComboBox *>())
+                for (int i = 0; i < box->count(); ++i)
+                    shown << box->itemText(i);
+        }
+        for (const QString &text : std::as_const(shown))
+            QVERIFY2(!text.contains(QRegularExpression("[\\r\\x{2028}\\x{2029}\\x{202a}-\\x{202e}"
+                                                       "\\x{2066}-\\x{2069}]")) &&
+                         text.count('\n') <= text.count(" plan\n") + 2 * text.count(".\n\n"),
+                     qPrintable(text));
     }
 
     // The layout that OBS saved at exit, in its global configuration up to OBS 30 and in the
@@ -252,7 +288,7 @@ private Q_SLOTS:
         QCOMPARE(texts(account).contains("Update check failed. Try again later."), update);
         QCOMPARE(announced(), told ? QStringList{"!" + text} : QStringList());
         // The docks recover with the next poll.
-        QCOMPARE(activeTimers(*controller_), QList<int>({2000, 10000, 21600000}));
+        QCOMPARE(activeTimers(*controller_), QList<int>({2000, 10000, 10000, 21600000}));
     }
 };
 

@@ -183,6 +183,9 @@ private Q_SLOTS:
         QTest::newRow("2.0%") << true << true << 1000 << 20 << "Needs attention|20 (2.00%)";
         QTest::newRow("no frame yet") << true << true << 0 << 0 << "Excellent|0 (0.00%)";
         QTest::newRow("no output") << true << false << 1000 << 500 << "Excellent|0 (0.00%)";
+        // OBS counts frames in an int: a broken output's count below zero reads as none.
+        QTest::newRow("frames below zero") << true << true << -1000 << -5 << "Excellent|0 (0.00%)";
+        QTest::newRow("dropped below zero") << true << true << 1000 << -3 << "Excellent|0 (0.00%)";
     }
 
     void healthFiguresFollowTheOutput()

@@ -75,6 +75,25 @@ private Q_SLOTS:
         QVERIFY(modals_.size() == 5 && modals_.last().size() < 4200);
     }
 
+    // The checks nobody asked for, the first one a while after the start and the six-hourly one,
+    // show no box for a plug-in that is up to date, and tell a screen reader nothing.
+    void checksOfTheTimersAreQuiet()
+    {
+        const QList<QTimer *> timers = controller_->findChildren<QTimer *>();
+        QList<int> fired;
+        for (QTimer *timer : timers) {
+            if (!timer->isSingleShot() && timer->interval() != 6 * 60 * 60 * 1000)
+                continue;
+            fired << timer->interval();
+            QMetaObject::invokeMethod(timer, "timeout");
+            QVERIFY(!button()->isEnabled());
+            QTRY_VERIFY(button()->isEnabled());
+        }
+        QCOMPARE(fired, QList<int>({21600000, 10000}));
+        QCOMPARE(label(), upToDate);
+        QCOMPARE(modals_ + announced(), QStringList());
+    }
+
     void manualAndTimerChecksAndTheOneOpenQuestion()
     {
         // While the button waits, the focus waits on the label, which says why, never on the
@@ -211,6 +230,10 @@ private Q_SLOTS:
         QDesktopServices::setUrlHandler("file", this, "openUrl");
         QCOMPARE(label(), row.label);
         QCOMPARE(modals_.mid(1), box.isEmpty() ? QStringList() : QStringList{box});
+        // Each outcome the label gives of the download the streamer said Yes to is told too.
+        const QString told = QString(row.label).startsWith("Update ") ? row.label : "";
+        QCOMPARE(announced(), told.isEmpty() ? QStringList()
+                                             : QStringList{(told == verified ? "" : "!") + told});
         QCOMPARE(service_.requests.isEmpty(), refused);
         // Only the updater's own headers reach the installer's host, never the session.
         for (const ScriptedService::Request &request : std::as_const(service_.requests))
