@@ -8,6 +8,7 @@
 #include <QDockWidget>
 #include <QEvent>
 #include <QFrame>
+#include <QJsonArray>
 #include <QLabel>
 #include <QList>
 #include <QMainWindow>
@@ -231,22 +232,41 @@ QLabel *muted(const QString &text, QWidget *parent)
     return wrappedLabel(text, "TessivaneMuted", parent);
 }
 
+QString cutText(const QString &text, qsizetype longest, int lines)
+{
+    qsizetype end = qMin(text.size(), longest);
+    // The break that ends the last line kept, if more lines follow it.
+    const QStringView head = QStringView(text).left(end);
+    for (qsizetype at = -1; lines > 0 && (at = head.indexOf(u'\n', at + 1)) >= 0; --lines)
+        if (lines == 1)
+            end = at;
+    if (end == text.size())
+        return text;
+    if (end > 0 && text.at(end - 1).isHighSurrogate())
+        --end;
+    return text.left(end) + QChar(0x2026); // ellipsis
+}
+
+QJsonArray partOf(const QJsonArray &array, qsizetype most, bool newest)
+{
+    if (array.size() <= most)
+        return array;
+    QJsonArray part;
+    for (qsizetype i = newest ? array.size() - most : 0; part.size() < most; ++i)
+        part.append(array.at(i));
+    return part;
+}
+
 QString shownText(const QString &text)
 {
-    // Beyond a few kilobytes nothing is readable in a dock, and a text laid out millions of
-    // pixels high breaks Qt's painting.
-    constexpr qsizetype longest = 4096;
     // A label wraps only between words: a break may fall after this many characters of a longer
     // one, so that an address or a name without blanks stays inside the dock.
     constexpr int wordPiece = 24;
-    qsizetype end = qMin(text.size(), longest);
-    if (end < text.size() && text.at(end - 1).isHighSurrogate())
-        --end;
+    const QString cut = cutText(text);
     QString shown;
-    shown.reserve(end + end / wordPiece + 1);
+    shown.reserve(cut.size() + cut.size() / wordPiece + 1);
     int run = 0;
-    for (qsizetype i = 0; i < end; ++i) {
-        const QChar c = text.at(i);
+    for (const QChar c : cut) {
         run = c.isSpace() ? 0 : run + 1;
         if (run > wordPiece && !c.isLowSurrogate()) {
             shown.append(QChar(0x200B)); // zero width space
@@ -254,8 +274,6 @@ QString shownText(const QString &text)
         }
         shown.append(c);
     }
-    if (end < text.size())
-        shown.append(QChar(0x2026)); // ellipsis
     return shown;
 }
 
