@@ -2,7 +2,10 @@
 // Every reply fuzzed: an input is the answer to every request of the client, sent over HTTP by a
 // server on this machine, and the controller shows what it makes of it in the five docks of the
 // host double, on screen offscreen. The first byte of an input sets the scene (see run()), the
-// rest is the body. Built for clang's libFuzzer, or as a program that replays files (replay.cpp).
+// rest is the body. Built for clang's libFuzzer, or as a program that replays inputs, files or
+// folders of them, and tells what the slowest cost the UI thread, beside each input whose name
+// says it is a reference:
+//   fuzz-replies tests/fuzz/corpus
 #include "fixture.h"
 
 #include <QAbstractItemView>
@@ -19,6 +22,7 @@
 #include <QToolButton>
 
 #include <algorithm>
+#include <cstdio>
 #include <ctime>
 
 namespace {
@@ -45,7 +49,7 @@ public:
     void answer(int status, const QByteArray &body)
     {
         QMutexLocker lock(&mutex_);
-        reply_ = QByteArray("HTTP/1.1 ") + QByteArray::number(status) +
+        reply_ = "HTTP/1.1 " + QByteArray::number(status) +
                  " Fuzz\r\nContent-Type: application/json\r\nContent-Length: " +
                  QByteArray::number(body.size()) + "\r\n\r\n" + body;
     }
@@ -67,7 +71,7 @@ protected:
     }
 
 private:
-    // Reads each whole request, headers and body, and answers it.
+    // Answers each request once its headers and body are in.
     void serve(QTcpSocket *socket)
     {
         QByteArray buffer = socket->property("buffer").toByteArray() + socket->readAll();
@@ -144,16 +148,14 @@ public:
         api_.fetchCategories(QStringLiteral("kick"), QStringLiteral("ju"));
         api_.setStreamActive(true);
         api_.sendChatMessage(QStringLiteral("hi"), QString(), QString());
-        if (control & 0x40) {
-            const QList<QToolButton *> buttons =
-                panel("tessivane.channels")->findChildren<QToolButton *>();
-            for (QToolButton *button : buttons)
-                if (button->text() == QStringLiteral("\u00d7")) {
-                    button->click();
-                    break;
-                }
-        }
-        settle();
+        const QList<QToolButton *> buttons =
+            panel("tessivane.channels")->findChildren<QToolButton *>();
+        auto remove = std::find_if(buttons.begin(), buttons.end(), [](QToolButton *button) {
+            return button->text() == QStringLiteral("\u00d7");
+        });
+        if (control & 0x40 && remove != buttons.end())
+            (*remove)->click();
+        TessivaneTestAccess::drain(api_);
         // The old cards and rows go, and the docks are laid out and painted anew.
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         QCoreApplication::processEvents();
@@ -170,7 +172,7 @@ protected:
             QMetaObject::invokeMethod(
                 object,
                 [this, box = static_cast<QWidget *>(object)]() {
-                    settle();
+                    TessivaneTestAccess::drain(api_);
                     QTest::keyClick(box, Qt::Key_Escape);
                 },
                 Qt::QueuedConnection);
@@ -179,18 +181,6 @@ protected:
 
 private:
     static QWidget *panel(const char *id) { return hostDouble::dock(id)->widget(); }
-    void settle()
-    {
-        const auto running = [this]() {
-            const QList<QNetworkReply *> replies =
-                TessivaneTestAccess::manager(api_)->findChildren<QNetworkReply *>();
-            return std::any_of(replies.begin(), replies.end(),
-                               [](QNetworkReply *reply) { return reply->isRunning(); });
-        };
-        while (running())
-            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    }
-
     Responder responder_;
     TessivaneController controller_;
     TessivaneApi &api_ = TessivaneTestAccess::api(controller_);
@@ -198,6 +188,7 @@ private:
 };
 
 Harness *harness = nullptr;
+double uiMs = 0; // what the last input cost the UI thread
 
 double uiThreadMs()
 {
@@ -219,34 +210,63 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
     return 0;
 }
 
-void fuzzRepliesFinish()
-{
-    delete harness;
-    delete qApp;
-}
-
-double fuzzRepliesUiMs = 0;
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const QByteArray input =
         QByteArray::fromRawData(reinterpret_cast<const char *>(data), qsizetype(size));
     const double start = uiThreadMs();
     harness->run(input);
-    fuzzRepliesUiMs = uiThreadMs() - start;
+    uiMs = uiThreadMs() - start;
 
     // Under the sanitizers the times say little: the slowest inputs are kept, to be measured
     // in the plain build.
     static const QString slowest = qEnvironmentVariable("TESSIVANE_FUZZ_SLOWEST");
     static double kept[8] = {};
     double *least = std::min_element(std::begin(kept), std::end(kept));
-    if (!slowest.isEmpty() && fuzzRepliesUiMs > *least) {
-        *least = fuzzRepliesUiMs;
-        QFile file(QDir(slowest).filePath(QStringLiteral("%1-%2").arg(
-            QString::number(fuzzRepliesUiMs, 'f', 0),
-            QCryptographicHash::hash(input, QCryptographicHash::Sha1).toHex())));
+    if (!slowest.isEmpty() && uiMs > *least) {
+        *least = uiMs;
+        QFile file(QDir(slowest).filePath(
+            QString::number(uiMs, 'f', 0) + '-' +
+            QCryptographicHash::hash(input, QCryptographicHash::Sha1).toHex()));
         if (file.open(QIODevice::WriteOnly))
             file.write(input);
     }
     return 0;
 }
+
+#ifdef TESSIVANE_REPLAY
+int main(int argc, char **argv)
+{
+    LLVMFuzzerInitialize(&argc, &argv);
+    QList<std::pair<double, QString>> times;
+    for (int i = 1; i < argc; ++i) {
+        const QString path = QString::fromLocal8Bit(argv[i]);
+        QStringList files{path};
+        if (QFileInfo(path).isDir()) {
+            const QDir folder(path);
+            files = folder.entryList(QDir::Files, QDir::Name);
+            for (QString &name : files)
+                name = folder.filePath(name);
+        }
+        for (const QString &name : std::as_const(files)) {
+            QFile file(name);
+            if (!file.open(QIODevice::ReadOnly))
+                qFatal("Cannot read %s", qPrintable(name));
+            const QByteArray input = file.readAll();
+            LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(input.constData()),
+                                   size_t(input.size()));
+            times.append({uiMs, name});
+        }
+    }
+    std::printf("%lld inputs replayed; UI thread time of the slowest, and of the references:\n",
+                static_cast<long long>(times.size()));
+    std::sort(times.begin(), times.end(), std::greater<>());
+    for (qsizetype i = 0; i < times.size(); ++i)
+        if (i < 10 || times[i].second.contains(QLatin1String("reference")))
+            std::printf("%9.2f ms  %s\n", times[i].first, qPrintable(times[i].second));
+    // Taken down in order, so that what is left at the end is a leak.
+    delete harness;
+    delete qApp;
+    return 0;
+}
+#endif
