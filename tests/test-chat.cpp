@@ -41,14 +41,15 @@ private Q_SLOTS:
         QVERIFY(!in<QLineEdit>()->isEnabled() && !in<QPushButton>()->isEnabled());
         const QByteArray feed =
             R"([{"provider":"YouTube","channel":"C","author":"A","text":"%2 %1"},
-            {"provider":"twitch","author":"B"}, {"provider":"KICK"}, {"provider":"facebook"},
+            {"provider":"twitch","author":"B","text":"1\n2\n3\n4\n5\n6"}, {"provider":"KICK"},
+            {"provider":"facebook"},
             {"provider":"<i>"})" +
             QByteArray(",5").repeated(55) + "]";
         // Badges are painted once per platform: these come first, out of the table's order.
         reply(R"([{"provider":"kick"},{"provider":"Instagram"}])", "[]");
         reply(feed, "[]");
-        QCOMPARE(rows().mid(0, 5),
-                 QStringList({"C • A: %2 %1", " • B: ", " • : ", " • : ", " • : "}));
+        QCOMPARE(rows().mid(0, 5), QStringList({"C • A: %2 %1", " • B: 1\n2\n3\n4\n5\u2026",
+                                                " • : ", " • : ", " • : "}));
         // Per row: the tool tip, never markup, the badge's colour and its glyph's, and the
         // platform a screen reader hears.
         const char *looks[][4] = {{"YOUTUBE", "#ff0033", "#fff", "YouTube"},
