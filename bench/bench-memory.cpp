@@ -2,8 +2,9 @@
 // Where the plug-in's memory goes, step by step: the heap in use (glibc's count, after giving back
 // what is free) and the anonymous resident memory of the process, once with the docks alone, once
 // with a busy chat shown and rebuilt ten times, and once after polls over TLS to the development
-// service. Not a timing: it prints one line a step.
-//   QT_QPA_PLATFORM=offscreen build/bench/bench-memory
+// service. Not a timing: it prints one line a step. And a long session (endurance): whether
+// memory grows over 10,000 polls (a minute and a half of them on a 2-core machine).
+//   QT_QPA_PLATFORM=offscreen build/bench/bench-memory [steps|endurance]
 #include "dev-service.h"
 #include "fixture.h"
 
@@ -29,6 +30,23 @@ class BenchMemory : public QObject {
         }
         qInfo("%-28s heap in use %6.2f MiB, %s", step, mallinfo2().uordblks / 1048576.0,
               anon.constData());
+    }
+
+    // The development service's program with the busy chat, on the built-in origin, over TLS.
+    static bool startService(QProcess &service)
+    {
+        QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+        tls.addCaCertificates(QSslCertificate::fromPath(TESSIVANE_DEV_CERT_DIR "/dev-ca.pem"));
+        QSslConfiguration::setDefaultConfiguration(tls);
+        // Its log of every request, were it read into this process, would grow with each.
+        service.setStandardErrorFile(QProcess::nullDevice());
+        service.start(QCoreApplication::applicationDirPath() +
+                          QStringLiteral("/../devservice/tessivane-dev-service"),
+                      {QStringLiteral("--port"),
+                       QString::number(QUrl(QStringLiteral(TESSIVANE_SERVICE_ORIGIN)).port()),
+                       QStringLiteral("--busy-chat"), QStringLiteral("--resume-session"),
+                       QStringLiteral("bench")});
+        return service.waitForReadyRead(10000);
     }
 
 private Q_SLOTS:
@@ -68,17 +86,8 @@ private Q_SLOTS:
             Q_EMIT api.chatLoaded(messages[i % 2], adapters);
         report("500 chat messages shown");
 
-        QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
-        tls.addCaCertificates(QSslCertificate::fromPath(TESSIVANE_DEV_CERT_DIR "/dev-ca.pem"));
-        QSslConfiguration::setDefaultConfiguration(tls);
         QProcess service;
-        service.start(QCoreApplication::applicationDirPath() +
-                          QStringLiteral("/../devservice/tessivane-dev-service"),
-                      {QStringLiteral("--port"),
-                       QString::number(QUrl(QStringLiteral(TESSIVANE_SERVICE_ORIGIN)).port()),
-                       QStringLiteral("--busy-chat"), QStringLiteral("--resume-session"),
-                       QStringLiteral("bench")});
-        QVERIFY(service.waitForReadyRead(10000));
+        QVERIFY(startService(service));
         api.setSessionToken(QStringLiteral("bench"));
         for (int i = 0; i < 3; ++i) {
             api.fetchChannels();
@@ -89,6 +98,44 @@ private Q_SLOTS:
         report("three polls over TLS");
         delete controller;
         report("the controller deleted");
+        service.terminate();
+        service.waitForFinished();
+    }
+
+    // The 10 s poll of a streamer signed in for 28 hours, with the docks on screen. Every second
+    // poll finds all three replies changed: the streamer, on the website, writes in the chat and
+    // switches a live channel, whose statistics follow.
+    void endurance()
+    {
+        QProcess service;
+        QVERIFY(startService(service));
+        QSettings(QStringLiteral("Tessivane"), QStringLiteral("OBS Plugin")).clear();
+        hostDouble::reset();
+        hostDouble::mainWindow()->resize(1086, 763);
+        hostDouble::mainWindow()->show();
+        TessivaneController controller;
+        QVERIFY(controller.initialize());
+        // No poll but the bench's own.
+        for (QTimer *timer : controller.findChildren<QTimer *>())
+            timer->stop();
+        TessivaneApi &api = TessivaneTestAccess::api(controller);
+        TessivaneApi website;
+        for (TessivaneApi *client : {&api, &website})
+            client->setSessionToken(QStringLiteral("bench"));
+        website.setStreamActive(true);
+        for (int poll = 1; poll <= 10000; ++poll) {
+            if (poll % 2 == 0) {
+                website.sendChatMessage(QStringLiteral("poll %1").arg(poll), {}, {});
+                website.setChannelSelected(QStringLiteral("kick-demo"), poll % 4 == 0);
+            }
+            TessivaneTestAccess::drain(website);
+            api.fetchChannels();
+            api.fetchLiveStats();
+            api.fetchChatMessages();
+            TessivaneTestAccess::drain(api);
+            if (poll == 100 || poll % 2000 == 0)
+                report(qPrintable(QStringLiteral("after %1 polls").arg(poll)));
+        }
         service.terminate();
         service.waitForFinished();
     }

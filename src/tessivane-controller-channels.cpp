@@ -247,7 +247,9 @@ void TessivaneController::renderChannels(const QJsonArray &channels)
     QWidget *previous = controlAbove(channelsContainer_);
 
     int selectedCount = 0;
-    for (const QJsonValue &value : channels) {
+    // Cards for the first few dozen records, which is every record of a real account; the count
+    // line still tells how many came.
+    for (const QJsonValue &value : partOf(channels, mostChannels)) {
         const QJsonObject channel = value.toObject();
         const bool selected = channel.value(QStringLiteral("selected")).toBool();
         selectedCount += selected ? 1 : 0;
@@ -337,7 +339,7 @@ void TessivaneController::renderChannels(const QJsonArray &channels)
 QString TessivaneController::channelSummary() const
 {
     int selected = 0;
-    for (const QJsonValue &channel : channels_)
+    for (const QJsonValue &channel : partOf(channels_, mostChannels))
         selected += channel.toObject().value(QStringLiteral("selected")).toBool() ? 1 : 0;
     return QStringLiteral("%1 selected").arg(selected);
 }

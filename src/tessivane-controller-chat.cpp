@@ -187,10 +187,13 @@ const QIcon &TessivaneController::chatBadge(const QString &providerKey)
     return chatBadges_[index];
 }
 
-void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray &adapters)
+void TessivaneController::showChat(const QJsonArray &replyMessages, const QJsonArray &replyAdapters)
 {
     if (!chatList_ || !chatTargetCombo_)
         return;
+    // The newest messages and the first adapters, which is all of them on a real account.
+    const QJsonArray messages = partOf(replyMessages, mostChatRows, true);
+    const QJsonArray adapters = partOf(replyAdapters, mostChannels);
 
     const bool messagesChanged =
         !chatMessagesSignature_ || !sameJson(*chatMessagesSignature_, messages);
@@ -204,16 +207,16 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
             const QJsonObject message = value.toObject();
             const QString providerUpper = field(message, QLatin1String("provider")).toUpper();
             // One pass, so that a "%1" in a message is shown as typed.
-            auto *item = new QListWidgetItem(chatBadge(providerUpper.toLower()),
-                                             QStringLiteral("%1 • %2: %3")
-                                                 .arg(line(message, QLatin1String("channel")),
-                                                      line(message, QLatin1String("author")),
-                                                      line(message, QLatin1String("text"))));
+            auto *item =
+                new QListWidgetItem(chatBadge(providerUpper.toLower()),
+                                    cutText(QStringLiteral("%1 • %2: %3")
+                                                .arg(line(message, QLatin1String("channel")),
+                                                     line(message, QLatin1String("author")),
+                                                     line(message, QLatin1String("text")))));
             // Complete before it joins the list, which then hears of it once. A tool tip that
             // looks like markup would be shown as such.
-            item->setToolTip(Qt::mightBeRichText(providerUpper)
-                                 ? Qt::convertFromPlainText(providerUpper)
-                                 : providerUpper);
+            const QString tip = cutText(providerUpper);
+            item->setToolTip(Qt::mightBeRichText(tip) ? Qt::convertFromPlainText(tip) : tip);
             // The badge speaks to the eye alone: a screen reader hears the platform's name.
             item->setData(Qt::AccessibleDescriptionRole, platformName(providerUpper.toLower()));
             const QString id = messageId(message.value(QLatin1String("id")));
@@ -252,8 +255,8 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
             const QString provider = field(adapter, QLatin1String("provider")).toLower();
             providers.insert(provider);
             chatTargetCombo_->addItem(
-                QStringLiteral("%1 • %2").arg(oneLine(provider.toUpper()),
-                                              line(adapter, QLatin1String("channel"))),
+                cutText(QStringLiteral("%1 • %2").arg(oneLine(provider.toUpper()),
+                                                      line(adapter, QLatin1String("channel")))),
                 QStringLiteral("channel:%1")
                     .arg(channelIdText(adapter.value(QLatin1String("channelId")))));
         }
@@ -261,7 +264,8 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
         int index = 1;
         for (const QString &provider : std::as_const(providers))
             chatTargetCombo_->insertItem(
-                index++, QStringLiteral("All %1 channels").arg(oneLine(provider.toUpper())),
+                index++,
+                cutText(QStringLiteral("All %1 channels").arg(oneLine(provider.toUpper()))),
                 QStringLiteral("provider:%1").arg(provider));
         const int found = chatTargetCombo_->findData(chosen, Qt::UserRole,
                                                      Qt::MatchExactly | Qt::MatchCaseSensitive);
@@ -273,7 +277,7 @@ void TessivaneController::showChat(const QJsonArray &messages, const QJsonArray 
     if (messagesChanged && messages.isEmpty())
         chatList_->addItem(connectedCount > 0
                                ? QStringLiteral("Chat connected. Waiting for viewer messages.")
-                               : statusLines.join(QLatin1Char('\n')));
+                               : cutText(statusLines.join(QLatin1Char('\n'))));
 
     // A control losing its chat never hands the focus on to another action.
     setEnabledKeepingFocus(chatInputEdit_, connectedCount > 0, chatList_);

@@ -8,6 +8,7 @@
 #include <QDockWidget>
 #include <QEvent>
 #include <QFrame>
+#include <QJsonArray>
 #include <QLabel>
 #include <QList>
 #include <QMainWindow>
@@ -232,25 +233,49 @@ QLabel *muted(const QString &text, QWidget *parent)
     return wrappedLabel(text, "TessivaneMuted", parent);
 }
 
+QString cutText(const QString &text, qsizetype longest, int lines)
+{
+    qsizetype end = qMin(text.size(), longest);
+    // The break that ends the last line kept, if more lines follow it.
+    const QStringView head = QStringView(text).left(end);
+    for (qsizetype at = -1; lines > 0 && (at = head.indexOf(u'\n', at + 1)) >= 0; --lines)
+        if (lines == 1)
+            end = at;
+    if (end == text.size())
+        return text;
+    // A character goes whole: a letter with its marks, a flag, an emoji joined of several.
+    const QStringView around = QStringView(text).left(end + 1);
+    QTextBoundaryFinder characters(QTextBoundaryFinder::Grapheme, around.data(), around.size());
+    characters.setPosition(end);
+    if (!characters.isAtBoundary())
+        end = qMax<qsizetype>(0, characters.toPreviousBoundary());
+    return text.left(end) + QChar(0x2026); // ellipsis
+}
+
+QJsonArray partOf(const QJsonArray &array, qsizetype most, bool newest)
+{
+    if (array.size() <= most)
+        return array;
+    QJsonArray part;
+    for (qsizetype i = newest ? array.size() - most : 0; part.size() < most; ++i)
+        part.append(array.at(i));
+    return part;
+}
+
 QString shownText(const QString &text)
 {
-    // Beyond a few kilobytes nothing is readable in a dock, and a text laid out millions of
-    // pixels high breaks Qt's painting.
-    constexpr qsizetype longest = 4096;
     // A label wraps only between words: a break may fall after this many characters of a longer
     // one, so that an address or a name without blanks stays inside the dock. A character is what
     // a reader sees as one: a letter with its marks, a flag, an emoji joined of several.
     constexpr int wordPiece = 24;
-    const QStringView head = QStringView(text).left(longest + 1);
-    QTextBoundaryFinder characters(QTextBoundaryFinder::Grapheme, head.data(), head.size());
+    const QString cut = cutText(text);
+    QTextBoundaryFinder characters(QTextBoundaryFinder::Grapheme, cut);
     QString shown;
-    shown.reserve(head.size() + head.size() / wordPiece + 1);
+    shown.reserve(cut.size() + cut.size() / wordPiece + 1);
     int run = 0;
-    for (qsizetype start = 0, end; start < head.size(); start = end) {
+    for (qsizetype start = 0, end; start < cut.size(); start = end) {
         end = characters.toNextBoundary();
-        if (end > longest)
-            return shown.append(QChar(0x2026)); // ellipsis
-        const QStringView character = head.mid(start, end - start);
+        const QStringView character = QStringView(cut).mid(start, end - start);
         run = character.front().isSpace() ? 0 : run + 1;
         if (run > wordPiece) {
             shown.append(QChar(0x200B)); // zero width space

@@ -127,7 +127,8 @@ void TessivaneController::refreshHealth()
 void TessivaneController::showLiveStats(const QJsonArray &stats)
 {
     int live = 0;
-    for (const QJsonValue &stat : stats) {
+    // One record per channel.
+    for (const QJsonValue &stat : partOf(stats, mostChannels)) {
         const QString status = stat.toObject().value(QStringLiteral("status")).toString().toLower();
         if (status == QLatin1String("live") || status == QLatin1String("connected"))
             ++live;

@@ -110,6 +110,12 @@ QString field(const QJsonObject &profile, const char *key)
 {
     return profile.value(QLatin1String(key)).toString();
 }
+
+// A field of the form as it is loaded: whole, up to a length no platform comes near.
+QString formField(const QJsonObject &profile, const char *key)
+{
+    return cutText(field(profile, key), longestField, 0);
+}
 } // namespace
 
 QWidget *TessivaneController::buildStreamInfoDock()
@@ -202,20 +208,21 @@ void TessivaneController::showStreamProfile(const QJsonObject &profile)
     // A load overwrites what is being typed; only sign-in and a restored session ask for it.
     if (!titleEdit_)
         return;
-    titleEdit_->setText(field(profile, "title"));
-    const QString description = field(profile, "description");
+    titleEdit_->setText(formField(profile, "title"));
+    const QString description = formField(profile, "description");
     descriptionEdit_->setWordWrapMode(longestWord(description) > longestWrappedWord
                                           ? QTextOption::WordWrap
                                           : QTextOption::WrapAtWordBoundaryOrAnywhere);
     descriptionEdit_->setPlainText(description);
-    notificationEdit_->setText(field(profile, "notification"));
-    twitchCategoryCombo_->setCurrentText(field(profile, "twitchCategory"));
-    kickCategoryCombo_->setCurrentText(field(profile, "kickCategory"));
+    notificationEdit_->setText(formField(profile, "notification"));
+    twitchCategoryCombo_->setCurrentText(formField(profile, "twitchCategory"));
+    kickCategoryCombo_->setCurrentText(formField(profile, "kickCategory"));
     QStringList tags;
     const QJsonArray tagValues = profile.value(QLatin1String("tags")).toArray();
-    for (const QJsonValue &tag : tagValues)
+    // Each tag takes two characters at least, so that those beyond these never show.
+    for (const QJsonValue &tag : partOf(tagValues, longestField / 2))
         tags.append(tag.toString());
-    tagsEdit_->setText(tags.join(QLatin1String(", ")));
+    tagsEdit_->setText(cutText(tags.join(QLatin1String(", ")), longestField, 0));
     streamInfoStatusLabel_->setText(QStringLiteral("Synced with Tessivane."));
 }
 
@@ -226,7 +233,8 @@ void TessivaneController::showSyncResults(const QJsonArray &syncResults)
         return;
     int updated = 0;
     QStringList failures;
-    for (const QJsonValue &value : syncResults) {
+    // One result per channel.
+    for (const QJsonValue &value : partOf(syncResults, mostChannels)) {
         const QJsonObject result = value.toObject();
         if (result.value(QLatin1String("ok")).toBool(false))
             ++updated;
@@ -252,9 +260,9 @@ void TessivaneController::fillCategories(const QString &provider, const QJsonArr
     const QString text = box->currentText();
     box->blockSignals(true);
     box->clear();
-    for (const QJsonValue &value : categories) {
+    for (const QJsonValue &value : partOf(categories, mostSuggestions)) {
         const QJsonObject category = value.toObject();
-        box->addItem(QIcon(), oneLine(field(category, "name")), field(category, "id"));
+        box->addItem(QIcon(), cutText(oneLine(field(category, "name"))), field(category, "id"));
     }
     box->setCurrentText(text);
     box->blockSignals(false);

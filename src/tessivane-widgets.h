@@ -4,6 +4,9 @@
 // Small pieces every dock builder shares: the one style sheet and the label constructors that
 // give widgets the object names the sheet selects on.
 
+#include <QtGlobal>
+
+class QJsonArray;
 class QLabel;
 class QScrollArea;
 class QString;
@@ -28,8 +31,31 @@ QVBoxLayout *scrollingRootLayout(QWidget *root, int margin, int spacing);
 void showThrough(QScrollArea *scroll);
 QLabel *heading(const QString &text, QWidget *parent);
 QLabel *muted(const QString &text, QWidget *parent);
-// A text from the service as a label shows it: cut after 4096 characters, and free to wrap
-// inside a long word, between two of its characters as a reader sees them.
+
+// What a dock shows of one reply is bounded, at limits that no real account comes near, so that no
+// reply within the client's 4 MB holds OBS's UI thread for long: a channel's card costs about
+// 0.3 ms, 20,000 of them minutes.
+// The records of one reply that stand one per channel (cards, chat targets, statistics, the
+// results of a save): an account has a few dozen channels at most.
+inline constexpr qsizetype mostChannels = 50;
+// The newest chat messages shown: twice the development service's busy feed.
+inline constexpr qsizetype mostChatRows = 1000;
+// The suggestions of one category search; the platforms' own searches give 25 to 100.
+inline constexpr qsizetype mostSuggestions = 100;
+// A text in a label or a row: beyond a few kilobytes nothing is readable in a dock, a text laid
+// out millions of pixels high breaks Qt's painting, and no row grows taller than its dock.
+inline constexpr qsizetype longestText = 4096;
+inline constexpr int mostLines = 5;
+// A field of the stream information, which the platforms keep to a few thousand characters.
+inline constexpr qsizetype longestField = 65536;
+
+// The first `lines` lines of a text (all of them when not positive), of `longest` characters at
+// most, with an ellipsis where it was cut between two characters.
+QString cutText(const QString &text, qsizetype longest = longestText, int lines = mostLines);
+// At most `most` elements of an array: its first ones, or with `newest` its last.
+QJsonArray partOf(const QJsonArray &array, qsizetype most, bool newest = false);
+// A text from the service as a label shows it: cut, and free to wrap inside a long word,
+// between two of its characters as a reader sees them.
 QString shownText(const QString &text);
 // A text from the service or a viewer that stands on one line of a row or label: its line breaks
 // become blanks, so that it cannot pass for further rows, and its direction overrides and

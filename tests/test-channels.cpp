@@ -56,15 +56,17 @@ private Q_SLOTS:
                              << select.arg("-9200000000000000000", "true") << select.arg("", "true")
                              << select.arg("42", "false") << select.arg("42", "true"));
 
-        // The count reads whole beside the heading however narrow the dock.
-        QCOMPARE(render("[{},{},{},{},{},{},{},{},{},{},{},{},{},{}]").section('/', 0, 0),
-                 "0 of 14 selected");
+        // The count reads whole beside the heading however narrow the dock, and counts the
+        // records beyond the fifty that have cards.
+        QCOMPARE(render("[{}" + QByteArray(",{}").repeated(59) + "]").section('/', 0, 0),
+                 "0 of 60 selected");
+        QCOMPARE(dock()->findChildren<QCheckBox *>().size(), 50);
         QDockWidget *frame = hostDouble::dock("tessivane.channels");
         frame->setFloating(true);
         frame->resize(frame->minimumSizeHint());
         frame->show();
         QVERIFY(QTest::qWaitForWindowExposed(frame));
-        QLabel *count = withText<QLabel>(dock(), "0 of 14 selected");
+        QLabel *count = withText<QLabel>(dock(), "0 of 60 selected");
         QTRY_COMPARE(count->width(), count->sizeHint().width());
     }
 

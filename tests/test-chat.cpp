@@ -77,9 +77,14 @@ private Q_SLOTS:
         reply(feed, "[]");
         QCOMPARE(rows().size() + rows(true).size(), 61 + 2);
         QCOMPARE(scroll->value(), 0);
+        // The newest thousand messages show.
+        reply(R"([{"text":"oldest"})" + QByteArray(",{}").repeated(1000) + "]", "[]");
+        QCOMPARE(rows().size(), 1000);
+        QVERIFY(!rows().contains(" • : oldest"));
 
         const char *up = R"([{"connected":true}])";
         const char *down = R"([{"channel":"a","detail":"offline"},{"connected":1},"x"])";
+        const char *sevenDown = "[{},{},{},{},{},{},{}]";
         // Only a changed feed rewrites the empty-state row, even when sending becomes possible.
         const char *steps[][3] = {{"[]", "[]", ""},
                                   {"[]", up, ""},
@@ -87,7 +92,10 @@ private Q_SLOTS:
                                   {"[]", up, "Chat connected. Waiting for viewer messages."},
                                   {"[]", down, "Chat connected. Waiting for viewer messages."},
                                   {"[{}]", down, " • : "},
-                                  {"[]", down, "a: offline\n: \n: "}};
+                                  {"[]", down, "a: offline\n: \n: "},
+                                  // A row stands five lines high at most.
+                                  {"[{}]", sevenDown, " • : "},
+                                  {"[]", sevenDown, ": \n: \n: \n: \n: \u2026"}};
         for (const auto &step : steps) {
             reply(step[0], step[1]);
             QCOMPARE(rows(), QStringList{step[2]});

@@ -71,8 +71,9 @@ private Q_SLOTS:
         QCOMPARE(edit[0]->text(), "");
     }
 
-    // What the service sends shows whole up to 4 KB, wrapped inside the dock at its narrowest
-    // however long its words; beyond, it is cut, and a 256 KB word costs no freeze.
+    // What the service sends shows whole up to 4 KB in a label, 64 KB in a field, wrapped inside
+    // the dock at its narrowest however long its words; beyond, it is cut, and a 256 KB word costs
+    // no freeze.
     void longTextsStayInsideTheDock_data()
     {
         QTest::addColumn<QString>("word");
@@ -110,7 +111,7 @@ private Q_SLOTS:
         const QString full = "Updated 0. c: " + word;
         QFETCH(int, kept);
         QCOMPARE(QString(line->text()).remove(QChar(0x200B)),
-                 full.size() <= 4096 ? full : full.left(kept) + QChar(0x2026));
+                 kept ? full.left(kept) + QChar(0x2026) : full);
         QTextBoundaryFinder characters(QTextBoundaryFinder::Grapheme, full);
         qsizetype at = 0;
         for (const QChar c : line->text()) {
@@ -120,7 +121,8 @@ private Q_SLOTS:
         }
         QCOMPARE(dock()->minimumSizeHint().width(), narrowest);
         QVERIFY(line->width() < dock()->width());
-        QCOMPARE(description->toPlainText(), word);
+        QCOMPARE(description->toPlainText(),
+                 word.size() > 65536 ? word.left(65536) + QChar(0x2026) : word);
         // Only a word of letters too long to lay out scrolls sideways; emoji break between them.
         QCOMPARE(description->horizontalScrollBar()->maximum() > 0, kept == 4096);
     }
