@@ -42,9 +42,11 @@ inline constexpr qsizetype mostChannels = 50;
 inline constexpr qsizetype mostChatRows = 1000;
 // The suggestions of one category search; the platforms' own searches give 25 to 100.
 inline constexpr qsizetype mostSuggestions = 100;
-// A text in a label or a row: beyond a few kilobytes nothing is readable in a dock, a text laid
-// out millions of pixels high breaks Qt's painting, and no row grows taller than its dock.
-inline constexpr qsizetype longestText = 4096;
+// A text in a label or a row: beyond a kilobyte nothing is readable in a dock, a text laid out
+// millions of pixels high breaks Qt's painting, and no row grows taller than its dock. Qt 6.11
+// reads a colour emoji's bitmap each time it lays one out (55 us), so a label of a thousand of
+// them already costs a layout pass 30 ms.
+inline constexpr qsizetype longestText = 1024;
 inline constexpr int mostLines = 5;
 // A field of the stream information, which the platforms keep to a few thousand characters.
 inline constexpr qsizetype longestField = 65536;
