@@ -7,6 +7,9 @@
 #include <QList>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QSet>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QUrlQuery>
 
 namespace {
@@ -40,6 +43,34 @@ QString failureText(const QNetworkReply *reply, const QJsonObject &object)
     return reply->errorString();
 }
 
+// Qt takes Debian's trust store, whose folder of hash names holds links only, for one it cannot
+// look authorities up in, and reads all of them at the first request: from the bundle and from
+// each one's own file, so that OBS holds every authority twice, over a megabyte. Once is enough;
+// the authorities trusted stay the same.
+void holdAuthoritiesOnce()
+{
+    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+    const QList<QSslCertificate> all = tls.caCertificates();
+    QList<QSslCertificate> once;
+    QSet<QSslCertificate> seen;
+    for (const QSslCertificate &authority : all) {
+        if (!seen.contains(authority)) {
+            seen.insert(authority);
+            once.append(authority);
+        }
+    }
+    if (once.size() == all.size())
+        return;
+    tls.setCaCertificates(once);
+    QSslConfiguration::setDefaultConfiguration(tls);
+#if QT_CONFIG(dtls)
+    // It holds the same list; the copies go only once neither does.
+    QSslConfiguration datagrams = QSslConfiguration::defaultDtlsConfiguration();
+    datagrams.setCaCertificates(once);
+    QSslConfiguration::setDefaultDtlsConfiguration(datagrams);
+#endif
+}
+
 // An id or provider word in a path, escaped here and once more by the request frame, which takes
 // the path as decoded text: a blank reaches the service as "%2520". The service expects that.
 QString pathWord(const QString &value)
@@ -51,6 +82,8 @@ QString pathWord(const QString &value)
 TessivaneApi::TessivaneApi(QObject *parent)
     : QObject(parent), baseUrl_(QUrl(QStringLiteral(TESSIVANE_SERVICE_ORIGIN)))
 {
+    static const bool once = (holdAuthoritiesOnce(), true);
+    Q_UNUSED(once);
 }
 
 void TessivaneApi::setBaseUrl(const QUrl &url)

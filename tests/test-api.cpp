@@ -4,7 +4,10 @@
 #include "fixture.h"
 
 #include <QJsonDocument>
+#include <QSet>
 #include <QSignalSpy>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 
 namespace {
 // A signal's argument as compact JSON, or as text.
@@ -132,7 +135,14 @@ class ApiTest : public QObject {
     }
 
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(service_.listen()); }
+    void initTestCase()
+    {
+        QVERIFY(service_.listen());
+        // The client holds every authority of the trust store once, the development one among them.
+        const QList<QSslCertificate> held =
+            QSslConfiguration::defaultConfiguration().caCertificates();
+        QCOMPARE(QSet<QSslCertificate>(held.begin(), held.end()).size(), held.size());
+    }
     void init()
     {
         api_.setBaseUrl(service_.baseUrl());
