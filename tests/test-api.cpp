@@ -16,9 +16,8 @@ QString describe(const QVariant &value)
     return value.toString();
 }
 
-// Every endpoint: how it is called, what reaches the wire, and what a reply turns into (with
-// every target answered by `reply`, follow-up requests included), and the session after it. A
-// reply may begin with a status other than 200; %1 stands for the service's address.
+// Every endpoint: its call, label and wire, and the signals and session after every target answers
+// `reply` (a status other than 200 may lead it; %1 stands for the service's address).
 struct Endpoint {
     const char *tag;
     std::function<void(TessivaneApi &)> call;
@@ -170,9 +169,8 @@ private Q_SLOTS:
         QCOMPARE(settledRequests().size(), 3);
     }
 
-    // The session and the password reach the service's origin alone, a reply is bounded in size
-    // whether or not it tells its length ahead, and one that stays silent is given up and told as
-    // such, whichever way the Qt at hand reports it.
+    // The session and the password reach the origin alone, a reply is bounded in size with or
+    // without its length ahead, and a silent one is given up, whatever the Qt.
     void theSessionStaysWithTheServiceAndRepliesAreBounded()
     {
         ScriptedService elsewhere;
@@ -198,7 +196,6 @@ private Q_SLOTS:
         api_.fetchIngest();
         api_.fetchChatMessages();
         QTRY_COMPARE(failed_.count(), 4);
-        // Qt itself gives up on the silent reply, after a wait shortened for the test.
         QCOMPARE(TessivaneTestAccess::silence(api_), 30000);
         const auto restore = qScopeGuard([this] { TessivaneTestAccess::silence(api_) = 30000; });
         TessivaneTestAccess::silence(api_) = 200;

@@ -5,7 +5,6 @@
 #include <QDesktopServices>
 #include <QFile>
 #include <QInputDialog>
-#include <QLineEdit>
 #include <QListWidget>
 #include <QMetaEnum>
 #include <QSslCertificate>
@@ -175,12 +174,9 @@ QStringList ControllerTest::texts(QWidget *root)
 {
     QStringList texts;
     for (QWidget *widget : root->findChildren<QWidget *>()) {
-        if (auto *label = qobject_cast<QLabel *>(widget))
-            texts << label->text();
-        else if (auto *button = qobject_cast<QAbstractButton *>(widget))
-            texts << button->text();
-        else if (auto *edit = qobject_cast<QLineEdit *>(widget))
-            texts << edit->text();
+        if (widget->inherits("QLabel") || widget->inherits("QAbstractButton") ||
+            widget->inherits("QLineEdit"))
+            texts << widget->property("text").toString();
         else if (auto *list = qobject_cast<QListWidget *>(widget))
             for (int i = 0; i < list->count(); ++i)
                 texts << list->item(i)->text();
