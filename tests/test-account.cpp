@@ -106,7 +106,7 @@ private Q_SLOTS:
         QTEST(shown(), "shown");
     }
 
-    void signOutForgetsTheSession()
+    void signOutForgetsTheSessionAndManageAccountOpensItsPage()
     {
         Q_EMIT api().signedIn({}, "tok-1");
         TessivaneTestAccess::settle(api());
@@ -119,10 +119,6 @@ private Q_SLOTS:
         QCOMPARE(statusLines()[0], "");
         QCOMPARE(email()->text(), "demo@tessivane.dev");
         QCOMPARE(announced(), QStringList({"Signed in.", "Signed out."}));
-    }
-
-    void manageAccountOpensTheAccountPage()
-    {
         press("Manage Account");
         QCOMPARE(opened_, QList<QUrl>{QUrl(TESSIVANE_SERVICE_ORIGIN "/account/")});
     }

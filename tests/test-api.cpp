@@ -155,13 +155,12 @@ private Q_SLOTS:
             api_.fetchAccount();
             TessivaneTestAccess::settle(api_);
         }
-        const QList<ScriptedService::Request> requests = service_.requests;
-        QCOMPARE(requests.size(), 3);
-        for (const ScriptedService::Request &request : requests)
-            QCOMPARE(request.target, "/api/me");
-        QVERIFY(!requests.at(0).headers.contains("Authorization"));
-        QCOMPARE(requests.at(1).header("Authorization"), "Bearer tok-1");
-        QVERIFY(!requests.at(2).headers.contains("Authorization"));
+        QStringList sent;
+        for (const ScriptedService::Request &request : std::as_const(service_.requests))
+            sent << request.target + (request.headers.contains("Authorization")
+                                          ? " " + request.header("Authorization")
+                                          : "");
+        QCOMPARE(sent, QStringList({"/api/me", "/api/me Bearer tok-1", "/api/me"}));
         // Without a session, sign-out signals inside the call and sends nothing.
         QSignalSpy signedOut(&api_, &TessivaneApi::signedOut);
         api_.logout();
@@ -249,21 +248,19 @@ private Q_SLOTS:
         service_.fallback = {status ? status : 200, status ? reply.mid(4) : reply};
         QList<QSignalSpy *> spies;
         const QMetaObject *meta = api_.metaObject();
-        for (int i = meta->methodOffset(); i < meta->methodCount(); ++i) {
+        for (int i = meta->methodOffset(); i < meta->methodCount(); ++i)
             if (meta->method(i).methodType() == QMetaMethod::Signal)
                 spies << new QSignalSpy(&api_, meta->method(i));
-        }
         endpoint.call(api_);
         TessivaneTestAccess::settle(api_);
         QStringList emitted;
-        for (QSignalSpy *spy : std::as_const(spies)) {
+        for (QSignalSpy *spy : std::as_const(spies))
             for (const QList<QVariant> &arguments : std::as_const(*spy)) {
-                QString text = QString::fromLatin1(spy->signal()).section(QLatin1Char('('), 0, 0);
+                QString text = QString::fromLatin1(spy->signal()).section('(', 0, 0);
                 for (const QVariant &argument : arguments)
-                    text += QLatin1Char(' ') + describe(argument);
+                    text += ' ' + describe(argument);
                 emitted << text.replace(service_.baseUrl().toString(), "%1");
             }
-        }
         qDeleteAll(spies);
         if (api_.sessionToken() != "tok")
             emitted << "token " + api_.sessionToken();

@@ -105,22 +105,17 @@ private Q_SLOTS:
             return widget->accessibleName().isEmpty() ? widget->property("text").toString()
                                                       : widget->accessibleName();
         };
-        const auto focused = [&]() {
-            return name(dock()->window()->focusWidget());
-        };
         const auto give = [this](const char *control) {
-            for (QWidget *widget : dock()->findChildren<QWidget *>()) {
+            for (QWidget *widget : dock()->findChildren<QWidget *>())
                 if (widget->accessibleName() == control)
                     widget->setFocus();
-            }
         };
         render(R"([{"id":1,"name":"A"},{"id":"b","name":"B"},{"id":3,"name":"C"}])");
         QStringList order;
         for (QWidget *walk = withText<QPushButton>(dock(), "Refresh"); order.size() < 8;
-             walk = walk->nextInFocusChain()) {
+             walk = walk->nextInFocusChain())
             if ((walk->focusPolicy() & Qt::TabFocus) && walk->isVisibleTo(walk->window()))
                 order << name(walk);
-        }
         QCOMPARE(order, QStringList({"Refresh", "Include A", "Remove A", "Include B", "Remove B",
                                      "Include C", "Remove C", "Title"}));
 
@@ -137,11 +132,11 @@ private Q_SLOTS:
             QPointer<QWidget> old = dock()->window()->focusWidget();
             render(list);
             QVERIFY(old.isNull());
-            QCOMPARE(focused(), after);
+            QCOMPARE(name(dock()->window()->focusWidget()), after);
         }
         panel("tessivane.stream-information")->findChild<QLineEdit *>()->setFocus();
         render(R"([{"id":1,"name":"A"}])");
-        QCOMPARE(focused(), "Title");
+        QCOMPARE(name(dock()->window()->focusWidget()), "Title");
     }
 
     // Each entry in turn, its dialogs answered in turn ("=" keeps the text; past the answers an

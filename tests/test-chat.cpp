@@ -137,36 +137,35 @@ private Q_SLOTS:
     {
         QTest::addColumn<QJsonArray>("last");
         QTest::addColumn<QJsonArray>("next");
-        QTest::addColumn<bool>("changed");
+        QTest::addColumn<bool>("kept"); // a mark, where the reply is no new one
         const auto json = [](const char *text) {
             return QJsonDocument::fromJson(text).array();
         };
-        QTest::newRow("first reply") << QJsonArray() << QJsonArray() << true;
-        QTest::newRow("1 and 1.0, -0 and 0") << json("[[1,-0]]") << json("[[1.0,0]]") << false;
+        QTest::newRow("first reply") << QJsonArray() << QJsonArray() << false;
+        QTest::newRow("1 and 1.0, -0 and 0") << json("[[1,-0]]") << json("[[1.0,0]]") << true;
         const QJsonValue nan(qQNaN()), null;
         QTest::newRow("NaN and null")
             << QJsonArray{QJsonObject{{"a", nan}}, QJsonArray{nan}, nan}
-            << QJsonArray{QJsonObject{{"a", null}}, QJsonArray{null}, null} << false;
+            << QJsonArray{QJsonObject{{"a", null}}, QJsonArray{null}, null} << true;
         QTest::newRow("beyond 53 bits")
-            << json("[[9007199254740993]]") << json("[[9007199254740992]]") << true;
+            << json("[[9007199254740993]]") << json("[[9007199254740992]]") << false;
         QTest::newRow("lone surrogates")
-            << json(R"([{"a":"\ud800"}])") << json(R"([{"a":"\udbff"}])") << true;
-        QTest::newRow("null and no key") << json(R"([{"a":null}])") << json("[{}]") << true;
-        QTest::newRow("true, 1 and \"1\"") << json("[[true,1]]") << json(R"([[1,"1"]])") << true;
+            << json(R"([{"a":"\ud800"}])") << json(R"([{"a":"\udbff"}])") << false;
+        QTest::newRow("null and no key") << json(R"([{"a":null}])") << json("[{}]") << false;
+        QTest::newRow("true, 1 and \"1\"") << json("[[true,1]]") << json(R"([[1,"1"]])") << false;
     }
 
     void aReplyIsNewExactlyWhenItsCompactJsonDiffers()
     {
         QFETCH(QJsonArray, last);
         QFETCH(QJsonArray, next);
-        QFETCH(bool, changed);
         if (QByteArray(QTest::currentDataTag()) != "first reply")
             Q_EMIT api().chatLoaded(last, last);
         in<QListWidget>()->addItem("mark");
         in<QComboBox>()->addItem("mark");
         Q_EMIT api().chatLoaded(next, next);
-        QCOMPARE(rows().contains("mark"), !changed);
-        QCOMPARE(rows(true).contains("mark = "), !changed);
+        QTEST(rows().contains("mark"), "kept");
+        QTEST(rows(true).contains("mark = "), "kept");
     }
 
     void targetRowsFollowTheConnectedAdaptersAndKeepTheChoice()

@@ -109,21 +109,17 @@ private Q_SLOTS:
         QStringList clearing = serviceCalls;
         clearing.insert(8, "save_streaming_service");
         QCOMPARE(hostDouble::calls(), clearing);
-        QCOMPARE(host().saved, service("", ""));
-        QCOMPARE(host().backup, service("", ""));
+        QCOMPARE(QList({host().saved, host().backup}), QList<QVariantMap>(2, service("", "")));
         // An ingest reply that arrives after sign-out brings nothing back.
         hostDouble::calls().clear();
         Q_EMIT api().ingestLoaded({{"server", "rtmp://a"}, {"streamKey", "k"}});
         QCOMPARE(hostDouble::calls(), QStringList());
-        // Signed out: the text each time, and no start and no request however often.
-        for (int i = 0; i < 2; ++i) {
-            QCOMPARE(click(), QStringList{"streaming_active"});
-            QCOMPARE(statusLines()[0],
-                     "Preparing this account's unique stream key. Try again in a moment.");
-        }
+        // Signed out: no start and no request however often, each heard as a refusal.
+        const QString preparing =
+            "Preparing this account's unique stream key. Try again in a moment.";
+        QCOMPARE(click() + click(), QStringList(2, "streaming_active"));
+        QCOMPARE(statusLines()[0], preparing);
         QCOMPARE(settledTargets(), QList<QByteArray>());
-        // Heard each time as a refusal, with no account to ask with.
-        const QString preparing = statusLines()[0];
         QCOMPARE(announced(), QStringList({"Signed out.", "!" + preparing, "!" + preparing}));
         // Signed in, the first click only asks; once the record is in, the next one starts.
         api().setSessionToken("tok");
@@ -198,7 +194,7 @@ private Q_SLOTS:
         QCOMPARE(hostDouble::calls(), sampleCalls.mid(0, !active ? 2 : output ? 7 : 3));
     }
 
-    void uploadRateIsGuarded()
+    void uploadRateIsGuardedAndPlatformsCountLive()
     {
         host().active = true;
         QCOMPARE(shown()[1], "0.00 Mbps"); // the start's own sample
@@ -217,10 +213,8 @@ private Q_SLOTS:
         const QString text = sample(2500500);
         const double mbps = text.chopped(5).toDouble();
         QVERIFY2(mbps <= 100.0 && mbps >= 2e7 / (clock.elapsed() + 2) / 1000, qPrintable(text));
-    }
 
-    void platformsLineCountsLiveStatuses()
-    {
+        // The Platforms line counts live statuses, and an empty stats reply leaves it.
         const char *channels = R"([{"selected":true},{"selected":true},{},{"selected":true}])";
         Q_EMIT api().channelsLoaded(QJsonDocument::fromJson(channels).array(), {});
         Q_EMIT api().liveStatsLoaded({});

@@ -51,7 +51,7 @@ private:
     }
 
 private Q_SLOTS:
-    void versionsComparePieceByPiece()
+    void versionsComparePieceByPieceAndTheTimersChecksAreQuiet()
     {
         answer_ = [](QDialog *box) {
             press(box, QMessageBox::No);
@@ -69,14 +69,11 @@ private Q_SLOTS:
         // A version of a quarter of a megabyte is cut in the box, as on the label.
         emitRelease("1." + QString(262144, '9'));
         QVERIFY(modals_.size() == 5 && modals_.last().size() < 4200);
-    }
-
-    // The checks nobody asked for, after the start and six-hourly, show no box and tell nothing.
-    void checksOfTheTimersAreQuiet()
-    {
-        const QList<QTimer *> timers = controller_->findChildren<QTimer *>();
+        // The checks nobody asked for, after the start and six-hourly, show no box, tell nothing.
+        modals_.clear();
+        announced().clear();
         QList<int> fired;
-        for (QTimer *timer : timers) {
+        for (QTimer *timer : controller_->findChildren<QTimer *>()) {
             if (!timer->isSingleShot() && timer->interval() != 6 * 60 * 60 * 1000)
                 continue;
             fired << timer->interval();

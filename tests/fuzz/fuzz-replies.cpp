@@ -30,17 +30,8 @@ constexpr int statuses[16] = {200, 200, 200, 200, 200, 200, 200, 200,
 // Answers every request with the current input in one write, from a thread of its own.
 class Responder : public QThread {
 public:
-    ~Responder() override
-    {
-        quit();
-        wait();
-    }
-    quint16 listen()
-    {
-        start();
-        ready_.acquire();
-        return port_;
-    }
+    ~Responder() override { quit(), wait(); }
+    quint16 listen() { return start(), ready_.acquire(), port_; }
     void answer(int status, const QByteArray &body)
     {
         QMutexLocker lock(&mutex_);
@@ -233,14 +224,13 @@ int main(int argc, char **argv)
             path.isDir() ? QDir(path.filePath()).entryInfoList(QDir::Files, QDir::Name)
                          : QFileInfoList{path};
         for (const QFileInfo &info : files) {
-            const QString name = info.filePath();
-            QFile file(name);
+            QFile file(info.filePath());
             if (!file.open(QIODevice::ReadOnly))
-                qFatal("Cannot read %s", qPrintable(name));
+                qFatal("Cannot read %s", qPrintable(file.fileName()));
             const QByteArray input = file.readAll();
             LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(input.constData()),
                                    size_t(input.size()));
-            times.append({uiMs, name});
+            times.append({uiMs, file.fileName()});
         }
     }
     std::printf("%lld inputs replayed; UI thread time of the slowest, and of the references:\n",

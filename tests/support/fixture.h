@@ -27,8 +27,7 @@ class ScriptedService : public QObject {
 
 public:
     struct Request {
-        QByteArray method;
-        QByteArray target; // as sent, not decoded
+        QByteArray method, target; // the target as sent, not decoded
         QHttpHeaders headers;
         QByteArray body;
 
@@ -128,10 +127,10 @@ protected:
     static QStringList texts(QWidget *root);
     template <typename T> static T *withText(QWidget *root, const QString &text)
     {
-        const QList<T *> widgets = root->findChildren<T *>();
-        auto it = std::find_if(widgets.begin(), widgets.end(),
-                               [&](T *widget) { return widget->text() == text; });
-        return it == widgets.end() ? nullptr : *it;
+        for (T *widget : root->findChildren<T *>())
+            if (widget->text() == text)
+                return widget;
+        return nullptr;
     }
     // Presses a box's button, or its only one.
     static void press(QDialog *box, QMessageBox::StandardButton which)
