@@ -44,6 +44,7 @@ private:
     {
         return withText<QPushButton>(panel("tessivane.account"), "Check for Updates");
     }
+    static QWidget *focused() { return button()->window()->focusWidget(); }
     QString label() const { return statusLines()[2]; }
     void emitRelease(const QString &version)
     {
@@ -90,9 +91,6 @@ private Q_SLOTS:
     {
         // While the button waits, the focus waits on the label, never on Sign Out: also when the
         // timer's check comes while a box holds the keyboard.
-        const auto focused = [] {
-            return button()->window()->focusWidget();
-        };
         button()->setFocus();
         answer_ = [this](QDialog *box) {
             answer_ = {};

@@ -84,10 +84,7 @@ struct TessivaneTestAccess {
     static QObject *manager(TessivaneApi &api) { return &api.manager_; }
     // How long a silent reply is waited for.
     static int &silence(TessivaneApi &api) { return api.silenceMs_; }
-    static int &installerSilence(TessivaneController &controller)
-    {
-        return controller.installerSilenceMs_;
-    }
+    static int &installerSilence(TessivaneController &c) { return c.installerSilenceMs_; }
 };
 
 class ControllerTest : public QObject {
