@@ -78,10 +78,10 @@ private Q_SLOTS:
         ticks = 0;
         QTRY_VERIFY(ticks > 0);
         poll->stop();
-        const QList<QByteArray> targets = settledTargets();
-        QCOMPARE(targets.size(), 3 * ticks);
-        QCOMPARE(QSet<QByteArray>(targets.begin(), targets.end()),
-                 QSet<QByteArray>({"/api/channels", "/api/chat/messages", "/api/live/stats"}));
+        QList<QByteArray> each;
+        for (const char *target : {"/api/channels", "/api/chat/messages", "/api/live/stats"})
+            each += QList<QByteArray>(ticks, target);
+        QCOMPARE(settledTargets(), each);
         // A poll's replies are nothing the streamer asked for: a screen reader hears nothing.
         QCOMPARE(announced(), QStringList());
     }
