@@ -77,7 +77,7 @@ private Q_SLOTS:
         calls().clear();
         sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
         pastDeferredStart();
-        QVERIFY(calls().isEmpty());
+        QVERIFY2(calls().isEmpty(), qPrintable(calls().join(" | ")));
         // The failed controller is gone, so a new load starts afresh once OBS takes the docks.
         reset();
         loadAndFinishLoading();
