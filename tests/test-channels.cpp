@@ -14,8 +14,7 @@ class TestChannels : public ControllerTest {
     Q_OBJECT
 
     QWidget *dock() const { return panel("tessivane.channels"); }
-    // The muted labels' texts in the dock's order, the count first, then the names, once
-    // replaced cards are gone.
+    // The labels' texts in the dock's order, the count first, once replaced cards are gone.
     QString render(const QByteArray &json)
     {
         Q_EMIT api().channelsLoaded(QJsonDocument::fromJson(json).array(), {});
@@ -56,8 +55,7 @@ private Q_SLOTS:
                              << select.arg("-9200000000000000000", "true") << select.arg("", "true")
                              << select.arg("42", "false") << select.arg("42", "true"));
 
-        // The count reads whole beside the heading however narrow the dock, and counts the
-        // records beyond the fifty that have cards.
+        // The count reads whole in the narrowest dock, beyond the fifty records with cards.
         QCOMPARE(render("[{}" + QByteArray(",{}").repeated(59) + "]").section('/', 0, 0),
                  "0 of 60 selected");
         QCOMPARE(dock()->findChildren<QCheckBox *>().size(), 50);
@@ -70,8 +68,8 @@ private Q_SLOTS:
         QTRY_COMPARE(count->width(), count->sizeHint().width());
     }
 
-    // A reply rebuilds the list under the open box and deletes its card: the box stays, and its
-    // answer is about the channel it names. Return takes the default, Cancel.
+    // A rebuild under the open box deletes its card: the box stays, about the channel it names.
+    // Return takes the default, Cancel.
     void removalAsksFirstEvenAcrossARebuild()
     {
         const QString signedOut = "0 of 0 selected/Sign in to load your connected channels.";
@@ -99,31 +97,25 @@ private Q_SLOTS:
         QCOMPARE(render("[]"), signedOut);
     }
 
-    // Tab walks Refresh, each card's switch and cross in their order, then the next dock; a rebuild
-    // gives the focus back to the same channel's control or, when the channel has gone, to the card
-    // now in its place, the last, or Refresh; a focus elsewhere stays where it is.
+    // Tab walks Refresh, each card's switch and cross, then the next dock; a rebuild gives the
+    // focus back to the channel's control, else the card in its place, the last, or Refresh.
     void focusAndTabOrderSurviveRebuilds()
     {
         const auto name = [](QWidget *widget) {
             return widget->accessibleName().isEmpty() ? widget->property("text").toString()
                                                       : widget->accessibleName();
         };
-        const auto focused = [&]() {
-            return name(dock()->window()->focusWidget());
-        };
         const auto give = [this](const char *control) {
-            for (QWidget *widget : dock()->findChildren<QWidget *>()) {
+            for (QWidget *widget : dock()->findChildren<QWidget *>())
                 if (widget->accessibleName() == control)
                     widget->setFocus();
-            }
         };
         render(R"([{"id":1,"name":"A"},{"id":"b","name":"B"},{"id":3,"name":"C"}])");
         QStringList order;
         for (QWidget *walk = withText<QPushButton>(dock(), "Refresh"); order.size() < 8;
-             walk = walk->nextInFocusChain()) {
+             walk = walk->nextInFocusChain())
             if ((walk->focusPolicy() & Qt::TabFocus) && walk->isVisibleTo(walk->window()))
                 order << name(walk);
-        }
         QCOMPARE(order, QStringList({"Refresh", "Include A", "Remove A", "Include B", "Remove B",
                                      "Include C", "Remove C", "Title"}));
 
@@ -140,16 +132,15 @@ private Q_SLOTS:
             QPointer<QWidget> old = dock()->window()->focusWidget();
             render(list);
             QVERIFY(old.isNull());
-            QCOMPARE(focused(), after);
+            QCOMPARE(name(dock()->window()->focusWidget()), after);
         }
         panel("tessivane.stream-information")->findChild<QLineEdit *>()->setFocus();
         render(R"([{"id":1,"name":"A"}])");
-        QCOMPARE(focused(), "Title");
+        QCOMPARE(name(dock()->window()->focusWidget()), "Title");
     }
 
-    // Each entry in turn: the dialogs, answered in turn ("=" keeps the text given; a dialog beyond
-    // the answers gets an empty text, which ends the chain); a platform's sign-in page opens in
-    // the browser.
+    // Each entry in turn, its dialogs answered in turn ("=" keeps the text; past the answers an
+    // empty one ends the chain); a platform's sign-in page opens in the browser.
     void addChannelMenu()
     {
         QString answers;
@@ -160,7 +151,6 @@ private Q_SLOTS:
             answers = answers.section(';', 1);
             input->accept();
         };
-        // Every entry of the menu, in its order, the separator as "".
         const QHash<QString, QString> typed = {
             {"Facebook Live Producer (manual fallback)", "=;=; k "},
             {"Instagram Live Producer", " Me ; "}};

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// OBS's streaming service from the account's ingest, the streaming events, and the Stream
-// Health dock's figures and button.
+// OBS's streaming service from the ingest, the streaming events, and the Stream Health dock.
 #include "fixture.h"
 
 #include <QElapsedTimer>
@@ -31,7 +30,7 @@ class TestHealth : public ControllerTest {
     Q_OBJECT
 
     hostDouble::Streaming &host() { return hostDouble::streaming(); }
-    // Connection Health, Upload, Dropped Frames, Optimization, Platforms, and the caption.
+    // Connection Health, Upload, Dropped Frames, Optimization, Platforms, the button's caption.
     QStringList shown() const
     {
         QStringList texts;
@@ -40,7 +39,7 @@ class TestHealth : public ControllerTest {
             texts << label->text();
         return texts << dock->findChild<QPushButton *>()->text();
     }
-    // Clicks Start/Stop and answers the host calls it made.
+    // Clicks Start/Stop; the host calls it made.
     QStringList click()
     {
         hostDouble::calls().clear();
@@ -110,21 +109,17 @@ private Q_SLOTS:
         QStringList clearing = serviceCalls;
         clearing.insert(8, "save_streaming_service");
         QCOMPARE(hostDouble::calls(), clearing);
-        QCOMPARE(host().saved, service("", ""));
-        QCOMPARE(host().backup, service("", ""));
+        QCOMPARE(QList({host().saved, host().backup}), QList<QVariantMap>(2, service("", "")));
         // An ingest reply that arrives after sign-out brings nothing back.
         hostDouble::calls().clear();
         Q_EMIT api().ingestLoaded({{"server", "rtmp://a"}, {"streamKey", "k"}});
         QCOMPARE(hostDouble::calls(), QStringList());
-        // Signed out: the text each time, and no start and no request however often.
-        for (int i = 0; i < 2; ++i) {
-            QCOMPARE(click(), QStringList{"streaming_active"});
-            QCOMPARE(statusLines()[0],
-                     "Preparing this account's unique stream key. Try again in a moment.");
-        }
+        // Signed out: no start and no request however often, each heard as a refusal.
+        const QString preparing =
+            "Preparing this account's unique stream key. Try again in a moment.";
+        QCOMPARE(click() + click(), QStringList(2, "streaming_active"));
+        QCOMPARE(statusLines()[0], preparing);
         QCOMPARE(settledTargets(), QList<QByteArray>());
-        // Heard each time as a refusal, with no account to ask with.
-        const QString preparing = statusLines()[0];
         QCOMPARE(announced(), QStringList({"Signed out.", "!" + preparing, "!" + preparing}));
         // Signed in, the first click only asks; once the record is in, the next one starts.
         api().setSessionToken("tok");
@@ -137,63 +132,59 @@ private Q_SLOTS:
         QCOMPARE(click(), QStringList({"streaming_active", "streaming_stop"}));
     }
 
+    // Whether the health figures are sampled at once, and the state posted first, then all the
+    // targets, sorted.
     void streamingEventsReachTheService_data()
     {
         QTest::addColumn<int>("event");
-        QTest::addColumn<bool>("signedIn");
-        QTest::addColumn<bool>("sampled"); // the health figures at once
-        QTest::addColumn<QString>("wire"); // the state posted first, then all the targets, sorted
+        QTest::addColumn<QString>("wire");
         const QString reload = " /api/channels /api/live/stats /api/stream/state";
-        QTest::newRow("starting") << int(OBS_FRONTEND_EVENT_STREAMING_STARTING) << true << false
-                                  << "/api/channels";
-        QTest::newRow("starting, signed out")
-            << int(OBS_FRONTEND_EVENT_STREAMING_STARTING) << false << false << "";
-        QTest::newRow("started") << int(OBS_FRONTEND_EVENT_STREAMING_STARTED) << true << true
+        QTest::newRow("starting") << int(OBS_FRONTEND_EVENT_STREAMING_STARTING) << "/api/channels";
+        QTest::newRow("starting, signed out") << int(OBS_FRONTEND_EVENT_STREAMING_STARTING) << "";
+        QTest::newRow("started") << int(OBS_FRONTEND_EVENT_STREAMING_STARTED)
                                  << R"({"active":true})" + reload;
-        QTest::newRow("started, signed out")
-            << int(OBS_FRONTEND_EVENT_STREAMING_STARTED) << false << true << "";
-        QTest::newRow("stopped") << int(OBS_FRONTEND_EVENT_STREAMING_STOPPED) << true << true
+        QTest::newRow("started, signed out") << int(OBS_FRONTEND_EVENT_STREAMING_STARTED) << "";
+        QTest::newRow("stopped") << int(OBS_FRONTEND_EVENT_STREAMING_STOPPED)
                                  << R"({"active":false})" + reload;
     }
 
     void streamingEventsReachTheService()
     {
         QFETCH(int, event);
-        QFETCH(bool, signedIn);
-        api().setSessionToken(signedIn ? "tok" : "");
+        api().setSessionToken(QString(QTest::currentDataTag()).endsWith("out") ? "" : "tok");
         hostDouble::calls().clear();
         controller_->handleFrontendEvent(event);
-        QTEST(hostDouble::calls().contains("streaming_active"), "sampled");
+        QCOMPARE(hostDouble::calls().contains("streaming_active"),
+                 event != OBS_FRONTEND_EVENT_STREAMING_STARTING);
         const QByteArray targets = settledTargets().join(' ');
         // The state goes first; its success reloads the channels and the platforms.
         QTEST(QString(service_.requests.value(0).body + ' ' + targets).trimmed(), "wire");
     }
 
+    // Frames and dropped ones; the verdict and the dropped frames shown. OBS counts frames in an
+    // int: a broken output's count below zero reads as none.
     void healthFiguresFollowTheOutput_data()
     {
-        QTest::addColumn<bool>("active");
-        QTest::addColumn<bool>("output");
         QTest::addColumn<int>("frames");
         QTest::addColumn<int>("dropped");
-        QTest::addColumn<QString>("shown"); // verdict, dropped frames
-        QTest::newRow("idle") << false << true << 1000 << 30 << "Ready|0 (0.00%)";
-        QTest::newRow("0.3%") << true << true << 1000 << 3 << "Excellent|3 (0.30%)";
-        QTest::newRow("0.5%") << true << true << 1000 << 5 << "Good|5 (0.50%)";
-        QTest::newRow("1.999%") << true << true << 100000 << 1999 << "Good|1999 (2.00%)";
-        QTest::newRow("2.0%") << true << true << 1000 << 20 << "Needs attention|20 (2.00%)";
-        QTest::newRow("no frame yet") << true << true << 0 << 0 << "Excellent|0 (0.00%)";
-        QTest::newRow("no output") << true << false << 1000 << 500 << "Excellent|0 (0.00%)";
-        // OBS counts frames in an int: a broken output's count below zero reads as none.
-        QTest::newRow("frames below zero") << true << true << -1000 << -5 << "Excellent|0 (0.00%)";
-        QTest::newRow("dropped below zero") << true << true << 1000 << -3 << "Excellent|0 (0.00%)";
+        QTest::addColumn<QString>("shown");
+        QTest::newRow("idle") << 1000 << 30 << "Ready|0 (0.00%)";
+        QTest::newRow("0.3%") << 1000 << 3 << "Excellent|3 (0.30%)";
+        QTest::newRow("0.5%") << 1000 << 5 << "Good|5 (0.50%)";
+        QTest::newRow("1.999%") << 100000 << 1999 << "Good|1999 (2.00%)";
+        QTest::newRow("2.0%") << 1000 << 20 << "Needs attention|20 (2.00%)";
+        QTest::newRow("no frame yet") << 0 << 0 << "Excellent|0 (0.00%)";
+        QTest::newRow("no output") << 1000 << 500 << "Excellent|0 (0.00%)";
+        QTest::newRow("frames below zero") << -1000 << -5 << "Excellent|0 (0.00%)";
+        QTest::newRow("dropped below zero") << 1000 << -3 << "Excellent|0 (0.00%)";
     }
 
     void healthFiguresFollowTheOutput()
     {
-        QFETCH(bool, active);
-        QFETCH(bool, output);
         QFETCH(int, frames);
         QFETCH(int, dropped);
+        const bool active = QByteArray(QTest::currentDataTag()) != "idle";
+        const bool output = QByteArray(QTest::currentDataTag()) != "no output";
         host() = {active, output, 0, frames, dropped, false, {}, {}};
         hostDouble::calls().clear();
         controller_->refreshHealth();
@@ -203,7 +194,7 @@ private Q_SLOTS:
         QCOMPARE(hostDouble::calls(), sampleCalls.mid(0, !active ? 2 : output ? 7 : 3));
     }
 
-    void uploadRateIsGuarded()
+    void uploadRateIsGuardedAndPlatformsCountLive()
     {
         host().active = true;
         QCOMPARE(shown()[1], "0.00 Mbps"); // the start's own sample
@@ -222,10 +213,8 @@ private Q_SLOTS:
         const QString text = sample(2500500);
         const double mbps = text.chopped(5).toDouble();
         QVERIFY2(mbps <= 100.0 && mbps >= 2e7 / (clock.elapsed() + 2) / 1000, qPrintable(text));
-    }
 
-    void platformsLineCountsLiveStatuses()
-    {
+        // The Platforms line counts live statuses, and an empty stats reply leaves it.
         const char *channels = R"([{"selected":true},{"selected":true},{},{"selected":true}])";
         Q_EMIT api().channelsLoaded(QJsonDocument::fromJson(channels).array(), {});
         Q_EMIT api().liveStatsLoaded({});

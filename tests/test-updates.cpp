@@ -12,17 +12,16 @@ namespace {
 const QString question = "Tessivane Update Available|Tessivane OBS Plugin %1 is available.\n\n"
                          "Download the verified installer and begin the update now?";
 const QString latest = "Tessivane Updates|You already have the latest version.";
-const char upToDate[] = "Tessivane OBS Plugin v0.3.3 is up to date.";
-const char verified[] = "Update verified. Opening installer...",
-           asked[] = "Version 1 is available.";
-const char metadata[] = "The update metadata could not be verified.";
-const char failed[] = "Update download failed.";
-const char saved[] = "The verified installer could not be saved.";
+const char upToDate[] = "Tessivane OBS Plugin v0.3.3 is up to date.",
+           verified[] = "Update verified. Opening installer...",
+           asked[] = "Version 1 is available.",
+           metadata[] = "The update metadata could not be verified.",
+           failed[] = "Update download failed.",
+           saved[] = "The verified installer could not be saved.";
 const QByteArray installer = "#!/bin/sh\necho installed\n";
 
-// The release's url (%1: the service's origin, %2: the same over http), sha256, name and size;
-// the answer to "/x" (0: none ever); the updates folder before (see prepare()); the label and the
-// box at the end.
+// The release's url (%1: the origin, %2: over http), sha256, name and size; the answer to "/x";
+// the updates folder before (see prepare()); the label and the box at the end.
 struct Download {
     const char *url;
     QString sha256;
@@ -37,17 +36,15 @@ class TestUpdates : public ControllerTest {
     QTemporaryDir tmp_;
 
 public:
-    TestUpdates()
-    {
-        // Installers land in a private temporary folder and are handed to this test, not opened.
-        qputenv("TMPDIR", tmp_.path().toUtf8());
-    }
+    // Installers land in a private temporary folder and are handed to this test, not opened.
+    TestUpdates() { qputenv("TMPDIR", tmp_.path().toUtf8()); }
 
 private:
     static QPushButton *button()
     {
         return withText<QPushButton>(panel("tessivane.account"), "Check for Updates");
     }
+    static QWidget *focused() { return button()->window()->focusWidget(); }
     QString label() const { return statusLines()[2]; }
     void emitRelease(const QString &version)
     {
@@ -55,7 +52,7 @@ private:
     }
 
 private Q_SLOTS:
-    void versionsComparePieceByPiece()
+    void versionsComparePieceByPieceAndTheTimersChecksAreQuiet()
     {
         answer_ = [](QDialog *box) {
             press(box, QMessageBox::No);
@@ -73,15 +70,11 @@ private Q_SLOTS:
         // A version of a quarter of a megabyte is cut in the box, as on the label.
         emitRelease("1." + QString(262144, '9'));
         QVERIFY(modals_.size() == 5 && modals_.last().size() < 4200);
-    }
-
-    // The checks nobody asked for, the first one a while after the start and the six-hourly one,
-    // show no box for a plug-in that is up to date, and tell a screen reader nothing.
-    void checksOfTheTimersAreQuiet()
-    {
-        const QList<QTimer *> timers = controller_->findChildren<QTimer *>();
+        // The checks nobody asked for, after the start and six-hourly, show no box, tell nothing.
+        modals_.clear();
+        announced().clear();
         QList<int> fired;
-        for (QTimer *timer : timers) {
+        for (QTimer *timer : controller_->findChildren<QTimer *>()) {
             if (!timer->isSingleShot() && timer->interval() != 6 * 60 * 60 * 1000)
                 continue;
             fired << timer->interval();
@@ -96,11 +89,8 @@ private Q_SLOTS:
 
     void manualAndTimerChecksAndTheOneOpenQuestion()
     {
-        // While the button waits, the focus waits on the label, which says why, never on the
-        // next button, Sign Out: also when the timer's check comes while a box holds the keyboard.
-        const auto focused = [] {
-            return button()->window()->focusWidget();
-        };
+        // While the button waits, the focus waits on the label, never on Sign Out: also when the
+        // timer's check comes while a box holds the keyboard.
         button()->setFocus();
         answer_ = [this](QDialog *box) {
             answer_ = {};
@@ -121,8 +111,7 @@ private Q_SLOTS:
         controller_->checkForUpdates(false);
         QCOMPARE(settledTargets().size(), 4);
         QCOMPARE(modals_.size(), 1);
-        // No starts nothing and takes the manual mark away; while the question is open, a newer
-        // reply updates the label but asks nothing.
+        // No starts nothing; while the question is open, a newer reply only updates the label.
         answer_ = [this](QDialog *box) {
             emitRelease("0.3.5");
             press(box, QMessageBox::No);
@@ -173,9 +162,8 @@ private Q_SLOTS:
             QTest::addRow("%s %s %s %s", row.url, row.name, row.folder, row.box) << row;
     }
 
-    // The updates folder in the shared temporary location as another user may leave it: none, a
-    // folder of the streamer's with a stale installer, open to all, with a link planted under
-    // the installer's name, a link to another folder, or another user's folder.
+    // The updates folder as another user may leave it: none, the streamer's with a stale
+    // installer, open to all, a link planted as the installer, a link, or another user's.
     void prepare(const QString &state)
     {
         QDir folder(tmp_.filePath("TessivaneUpdates"));
@@ -213,7 +201,6 @@ private Q_SLOTS:
         service_.replies["/x"] = {row.code, "{}", expand(row.location).toUtf8()};
         if (box.endsWith("opened."))
             QDesktopServices::unsetUrlHandler("file");
-        // Qt itself gives up on a silent host, after a wait shortened for the test.
         QCOMPARE(TessivaneTestAccess::installerSilence(*controller_), 60000);
         if (box.endsWith("answering"))
             TessivaneTestAccess::installerSilence(*controller_) = 200;
@@ -230,7 +217,7 @@ private Q_SLOTS:
         QDesktopServices::setUrlHandler("file", this, "openUrl");
         QCOMPARE(label(), row.label);
         QCOMPARE(modals_.mid(1), box.isEmpty() ? QStringList() : QStringList{box});
-        // Each outcome the label gives of the download the streamer said Yes to is told too.
+        // Each outcome of the download the streamer said Yes to is told too.
         const QString told = QString(row.label).startsWith("Update ") ? row.label : "";
         QCOMPARE(announced(), told.isEmpty() ? QStringList()
                                              : QStringList{(told == verified ? "" : "!") + told});
@@ -241,8 +228,7 @@ private Q_SLOTS:
                          request.header("Authorization"),
                      "GETapplication/octet-streamTessivane-OBS-Plugin-Updater/0.3.3");
 
-        // The verified installer stands in the streamer's own folder, which nobody else may
-        // enter; nothing else is written, and nothing anywhere else.
+        // The verified installer stands in the streamer's private folder, and nothing else.
         QDir folder(tmp_.filePath("TessivaneUpdates"));
         QFile written(folder.filePath("i.pkg"));
         QCOMPARE(opened_,

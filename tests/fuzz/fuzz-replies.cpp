@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// Every reply fuzzed: an input is the answer to every request of the client, sent over HTTP by a
-// server on this machine, and the controller shows what it makes of it in the five docks of the
-// host double, on screen offscreen. The first byte of an input sets the scene (see run()), the
-// rest is the body. Built for clang's libFuzzer, or as a program that replays inputs, files or
-// folders of them, and tells what the slowest cost the UI thread, beside each input whose name
-// says it is a reference:
+// Every reply fuzzed: an input answers every request, its first byte sets the scene (see run()),
+// and the five docks show the result. For libFuzzer, or a replayer timing the UI thread:
 //   fuzz-replies tests/fuzz/corpus
 #include "fixture.h"
 
@@ -31,21 +27,11 @@ namespace {
 constexpr int statuses[16] = {200, 200, 200, 200, 200, 200, 200, 200,
                               400, 401, 403, 404, 409, 429, 500, 503};
 
-// Answers every request with the current input, over HTTP/1.1 with keep-alive, from a thread of
-// its own, so that none of its work counts as the UI thread's. Each answer leaves in one write.
+// Answers every request with the current input in one write, from a thread of its own.
 class Responder : public QThread {
 public:
-    ~Responder() override
-    {
-        quit();
-        wait();
-    }
-    quint16 listen()
-    {
-        start();
-        ready_.acquire();
-        return port_;
-    }
+    ~Responder() override { quit(), wait(); }
+    quint16 listen() { return start(), ready_.acquire(), port_; }
     void answer(int status, const QByteArray &body)
     {
         QMutexLocker lock(&mutex_);
@@ -71,7 +57,6 @@ protected:
     }
 
 private:
-    // Answers each request once its headers and body are in.
     void serve(QTcpSocket *socket)
     {
         QByteArray buffer = socket->property("buffer").toByteArray() + socket->readAll();
@@ -103,7 +88,7 @@ public:
         QMainWindow *window = hostDouble::mainWindow();
         window->resize(1086, 763); // OBS's own default
         controller_.initialize();
-        // Only the inputs drive it: no poll, no health sample, no update check of its own.
+        // Only the inputs drive it: no timer of its own.
         for (QTimer *timer : controller_.findChildren<QTimer *>())
             timer->stop();
         window->show();
@@ -111,14 +96,12 @@ public:
         if (!QTest::qWaitForWindowActive(window))
             qFatal("OBS's window never became active");
         boxes_ = panel("tessivane.stream-information")->findChildren<QComboBox *>();
-        // A box (the update question, the Remove box) is answered once every reply has landed,
-        // as by a streamer who waits: Escape, which is No or Cancel.
+        // A box is answered with Escape once every reply has landed.
         qApp->installEventFilter(this);
     }
 
-    // The first byte: the HTTP status in bits 0-3, the focus in bits 4-5 (nowhere, in either
-    // category box, in the chat's input), in bit 6 a click on the first card's Remove button,
-    // whose box then stays open while the replies land, and in bit 7 the streamer signed out.
+    // The first byte: bits 0-3 the status, 4-5 the focus (none, a category box, the chat's
+    // input), 6 a click on the first Remove, open while replies land, 7 signed out.
     void run(const QByteArray &input)
     {
         const int control = input.isEmpty() ? 0 : quint8(input[0]);
@@ -130,31 +113,28 @@ public:
         if (QWidget *widget = focus[(control >> 4) & 3])
             widget->setFocus();
 
-        // Each endpoint once. The lists of channels, statistics and chat come as the follow-ups
-        // of the POSTs that change them, so that no list is asked for twice.
-        api_.login(QStringLiteral("fuzz@tessivane.dev"), QStringLiteral("fuzz"));
+        // Each endpoint once; the lists come as the follow-ups of the POSTs that change them.
+        api_.login("fuzz@tessivane.dev", "fuzz");
         api_.logout();
         api_.fetchAccount();
         api_.fetchIngest();
         controller_.checkForUpdates(false);
-        api_.setChannelSelected(QStringLiteral("1"), true);
-        api_.startProviderConnection(QStringLiteral("twitch"));
-        api_.removeChannel(QStringLiteral("1"));
-        api_.addManualLiveDestination(QStringLiteral("facebook"), QStringLiteral("n"),
-                                      QStringLiteral("s"), QStringLiteral("k"));
+        api_.setChannelSelected("1", true);
+        api_.startProviderConnection("twitch");
+        api_.removeChannel("1");
+        api_.addManualLiveDestination("facebook", "n", "s", "k");
         api_.fetchStreamProfile();
         api_.saveStreamProfile({});
-        api_.fetchCategories(QStringLiteral("twitch"), QStringLiteral("ju"));
-        api_.fetchCategories(QStringLiteral("kick"), QStringLiteral("ju"));
+        api_.fetchCategories("twitch", "ju");
+        api_.fetchCategories("kick", "ju");
         api_.setStreamActive(true);
-        api_.sendChatMessage(QStringLiteral("hi"), QString(), QString());
-        const QList<QToolButton *> buttons =
-            panel("tessivane.channels")->findChildren<QToolButton *>();
-        auto remove = std::find_if(buttons.begin(), buttons.end(), [](QToolButton *button) {
-            return button->text() == QStringLiteral("\u00d7");
-        });
-        if (control & 0x40 && remove != buttons.end())
-            (*remove)->click();
+        api_.sendChatMessage("hi", {}, {});
+        for (QToolButton *remove : panel("tessivane.channels")->findChildren<QToolButton *>()) {
+            if (control & 0x40 && remove->text() == QStringLiteral("\u00d7")) {
+                remove->click();
+                break;
+            }
+        }
         TessivaneTestAccess::drain(api_);
         // The old cards and rows go, and the docks are laid out and painted anew.
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
@@ -201,7 +181,7 @@ double uiThreadMs()
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
-    // Offscreen, with settings of its own: the session that an input signs in goes nowhere else.
+    // Offscreen, with settings of its own: an input's session goes nowhere else.
     static QTemporaryDir home;
     qputenv("QT_QPA_PLATFORM", "offscreen");
     qputenv("XDG_CONFIG_HOME", home.path().toUtf8());
@@ -218,8 +198,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     harness->run(input);
     uiMs = uiThreadMs() - start;
 
-    // Under the sanitizers the times say little: the slowest inputs are kept, to be measured
-    // in the plain build.
+    // The slowest inputs are kept, to be timed in the plain build.
     static const QString slowest = qEnvironmentVariable("TESSIVANE_FUZZ_SLOWEST");
     static double kept[8] = {};
     double *least = std::min_element(std::begin(kept), std::end(kept));
@@ -240,22 +219,18 @@ int main(int argc, char **argv)
     LLVMFuzzerInitialize(&argc, &argv);
     QList<std::pair<double, QString>> times;
     for (int i = 1; i < argc; ++i) {
-        const QString path = QString::fromLocal8Bit(argv[i]);
-        QStringList files{path};
-        if (QFileInfo(path).isDir()) {
-            const QDir folder(path);
-            files = folder.entryList(QDir::Files, QDir::Name);
-            for (QString &name : files)
-                name = folder.filePath(name);
-        }
-        for (const QString &name : std::as_const(files)) {
-            QFile file(name);
+        const QFileInfo path(QString::fromLocal8Bit(argv[i]));
+        const QFileInfoList files =
+            path.isDir() ? QDir(path.filePath()).entryInfoList(QDir::Files, QDir::Name)
+                         : QFileInfoList{path};
+        for (const QFileInfo &info : files) {
+            QFile file(info.filePath());
             if (!file.open(QIODevice::ReadOnly))
-                qFatal("Cannot read %s", qPrintable(name));
+                qFatal("Cannot read %s", qPrintable(file.fileName()));
             const QByteArray input = file.readAll();
             LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(input.constData()),
                                    size_t(input.size()));
-            times.append({uiMs, name});
+            times.append({uiMs, file.fileName()});
         }
     }
     std::printf("%lld inputs replayed; UI thread time of the slowest, and of the references:\n",

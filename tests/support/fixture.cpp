@@ -5,7 +5,6 @@
 #include <QDesktopServices>
 #include <QFile>
 #include <QInputDialog>
-#include <QLineEdit>
 #include <QListWidget>
 #include <QMetaEnum>
 #include <QSslCertificate>
@@ -22,14 +21,10 @@ QByteArray readFile(const char *name)
 
 ScriptedService::ScriptedService(QObject *parent) : QObject(parent)
 {
-    // Once per process, the clients of the test trust the development CA.
-    static const bool trusted = [] {
-        QSslConfiguration config = QSslConfiguration::defaultConfiguration();
-        config.addCaCertificates(QSslCertificate::fromData(readFile("dev-ca.pem")));
-        QSslConfiguration::setDefaultConfiguration(config);
-        return true;
-    }();
-    Q_UNUSED(trusted)
+    // The clients of the test trust the development CA.
+    QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+    config.addCaCertificates(QSslCertificate::fromData(readFile("dev-ca.pem")));
+    QSslConfiguration::setDefaultConfiguration(config);
     http_.setMissingHandler(this, [this](const QHttpServerRequest &request,
                                          QHttpServerResponder &responder) {
         const QByteArray target =
@@ -111,11 +106,9 @@ void ControllerTest::initTestCase()
     QAccessible::installUpdateHandler([](QAccessibleEvent *event) {
         if (event->type() != QAccessible::Announcement)
             return;
-        const auto *announcement = static_cast<QAccessibleAnnouncementEvent *>(event);
-        announced() << (announcement->politeness() == QAccessible::AnnouncementPoliteness::Assertive
-                            ? "!"
-                            : "") +
-                           announcement->message();
+        const auto *told = static_cast<QAccessibleAnnouncementEvent *>(event);
+        const bool assertive = told->politeness() == QAccessible::AnnouncementPoliteness::Assertive;
+        announced() << (assertive ? "!" : "") + told->message();
     });
     QVERIFY2(service_.listen(QUrl(TESSIVANE_SERVICE_ORIGIN).port()),
              "The origin's port is taken, perhaps by a running development service");
@@ -140,8 +133,7 @@ void ControllerTest::init()
 
 void ControllerTest::cleanup()
 {
-    delete controller_;
-    controller_ = nullptr;
+    delete std::exchange(controller_, nullptr);
 }
 
 QStringList ControllerTest::wire()
@@ -174,16 +166,12 @@ bool ControllerTest::docksShown()
 QStringList ControllerTest::texts(QWidget *root)
 {
     QStringList texts;
-    for (QWidget *widget : root->findChildren<QWidget *>()) {
-        if (auto *label = qobject_cast<QLabel *>(widget))
-            texts << label->text();
-        else if (auto *button = qobject_cast<QAbstractButton *>(widget))
-            texts << button->text();
-        else if (auto *edit = qobject_cast<QLineEdit *>(widget))
-            texts << edit->text();
+    for (QWidget *widget : root->findChildren<QWidget *>())
+        if (widget->inherits("QLabel") || widget->inherits("QAbstractButton") ||
+            widget->inherits("QLineEdit"))
+            texts << widget->property("text").toString();
         else if (auto *list = qobject_cast<QListWidget *>(widget))
             for (int i = 0; i < list->count(); ++i)
                 texts << list->item(i)->text();
-    }
     return texts;
 }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// What the tests share: a scripted local service, a way into the client and the wait for it to
-// fall quiet, and for the controller's tests a base with the host double, the service on the
-// built-in origin's port, a settings store of the test's own, and the docks' widgets.
+// What the tests share: a scripted local service, a way into the client, and the controller's
+// tests' base with the host double, the service on the origin's port and a store of their own.
 #pragma once
 
 // Qt's headers before OBS's: OBS's SIMD shims must not come before the compiler's intrinsics.
@@ -21,15 +20,14 @@
 
 #include <vector>
 
-// A local HTTPS service with the development service's certificate, which the process trusts. It
-// records each request as it arrived on the wire and answers as scripted.
+// A local HTTPS service with the trusted development certificate: records each request as it
+// arrived on the wire and answers as scripted.
 class ScriptedService : public QObject {
     Q_OBJECT
 
 public:
     struct Request {
-        QByteArray method;
-        QByteArray target; // as sent, not decoded
+        QByteArray method, target; // the target as sent, not decoded
         QHttpHeaders headers;
         QByteArray body;
 
@@ -59,7 +57,7 @@ private:
 
 struct TessivaneTestAccess {
     static TessivaneApi &api(TessivaneController &controller) { return controller.api_; }
-    // The status lines: the general one, the stream one and the update one.
+    // The general, the stream and the update status line.
     static QStringList statusLines(const TessivaneController &controller)
     {
         return {controller.accountStatusLabel_->text(), controller.streamInfoStatusLabel_->text(),
@@ -72,8 +70,7 @@ struct TessivaneTestAccess {
         return std::any_of(replies.begin(), replies.end(),
                            [](QNetworkReply *reply) { return reply->isRunning(); });
     }
-    // Waits until no request of the client is in flight, so that the service has seen all of
-    // them: a test then compares the exact list instead of sleeping.
+    // Waits until the service has seen every request, so that a test compares the exact list.
     static bool settle(TessivaneApi &api)
     {
         return QTest::qWaitFor([&]() { return !busy(api); });
@@ -85,12 +82,9 @@ struct TessivaneTestAccess {
             QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
     static QObject *manager(TessivaneApi &api) { return &api.manager_; }
-    // How long a silent reply is waited for: lowered by a test that waits for one.
+    // How long a silent reply is waited for.
     static int &silence(TessivaneApi &api) { return api.silenceMs_; }
-    static int &installerSilence(TessivaneController &controller)
-    {
-        return controller.installerSilenceMs_;
-    }
+    static int &installerSilence(TessivaneController &c) { return c.installerSilenceMs_; }
 };
 
 class ControllerTest : public QObject {
@@ -104,9 +98,8 @@ public:
 protected:
     ScriptedService service_;
     TessivaneController *controller_ = nullptr;
-    // Every modal box or input dialog as it opens: "title|text" of a box, "title|label|echo
-    // mode|text" of a dialog. answer_ then closes it; without one, a box takes its default button
-    // and a dialog is cancelled.
+    // Each box as it opens ("title|text"; a dialog's "title|label|echo mode|text"), closed by
+    // answer_ or else by its default button, a dialog cancelled.
     QStringList modals_;
     std::function<void(QDialog *)> answer_;
     QList<QUrl> opened_;
@@ -120,8 +113,7 @@ protected:
         return (controller_ = new TessivaneController)->initialize();
     }
     TessivaneApi &api() { return TessivaneTestAccess::api(*controller_); }
-    // The requests once the client is quiet, as "METHOD target body", sorted: several sent at
-    // once arrive in any order.
+    // The requests once the client is quiet, as "METHOD target body", sorted.
     QStringList wire();
     QList<QByteArray> settledTargets();
     QStringList statusLines() const { return TessivaneTestAccess::statusLines(*controller_); }
@@ -132,10 +124,10 @@ protected:
     static QStringList texts(QWidget *root);
     template <typename T> static T *withText(QWidget *root, const QString &text)
     {
-        const QList<T *> widgets = root->findChildren<T *>();
-        auto it = std::find_if(widgets.begin(), widgets.end(),
-                               [&](T *widget) { return widget->text() == text; });
-        return it == widgets.end() ? nullptr : *it;
+        for (T *widget : root->findChildren<T *>())
+            if (widget->text() == text)
+                return widget;
+        return nullptr;
     }
     // Presses a box's button, or its only one.
     static void press(QDialog *box, QMessageBox::StandardButton which)

@@ -42,11 +42,6 @@ struct Host {
 };
 
 Host host;
-
-void record(const QString &call)
-{
-    host.calls.append(call);
-}
 } // namespace
 
 namespace hostDouble {
@@ -77,8 +72,7 @@ QMainWindow *mainWindow()
 QStringList dockIds()
 {
     QStringList ids;
-    const QList<QDockWidget *> docks = mainWindow()->findChildren<QDockWidget *>();
-    for (const QDockWidget *dock : docks)
+    for (const QDockWidget *dock : mainWindow()->findChildren<QDockWidget *>())
         ids.append(dock->objectName());
     ids.sort();
     return ids;
@@ -119,13 +113,13 @@ void blog(int log_level, const char *format, ...)
     std::vsnprintf(buffer, sizeof(buffer), format, args);
     va_end(args);
     const char *level = log_level == LOG_ERROR ? "error" : log_level == LOG_INFO ? "info" : "other";
-    record(QStringLiteral("blog %1 %2").arg(QLatin1String(level), QString::fromUtf8(buffer)));
+    host.calls << QString("blog ") + level + ' ' + QString::fromUtf8(buffer);
 }
 
 bool obs_frontend_add_dock_by_id(const char *id, const char *title, void *widget)
 {
     const QString name = QString::fromUtf8(id);
-    record(QStringLiteral("add_dock ") + name);
+    host.calls.append(QStringLiteral("add_dock ") + name);
     if (host.refused.contains(name) || hostDouble::dock(name))
         return false;
     // As OBS does: a QDockWidget of its own around the widget, added hidden and floating.
@@ -145,7 +139,7 @@ Q_DECL_EXPORT config_t *obs_frontend_get_user_config(void);
 #define HOST_CALL(type, function, params, call, answer)                                            \
     type function params                                                                           \
     {                                                                                              \
-        record(call);                                                                              \
+        host.calls.append(call);                                                                   \
         return answer;                                                                             \
     }
 using Q = QString;

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-or-later
-// A stand-in for the parts of libobs and obs-frontend-api that the plug-in calls. The system's
-// objects link against obs-host-double.cpp instead of OBS; tests steer and read it here.
+// A stand-in for the libobs and obs-frontend-api calls of the plug-in, which tests steer and read.
 #pragma once
 
 #include <QStringList>
@@ -26,18 +25,15 @@ struct Streaming {
     bool active = false;   // obs_frontend_streaming_active
     bool hasOutput = true; // obs_frontend_get_streaming_output gives an output
     quint64 totalBytes = 0;
-    int totalFrames = 0;
-    int droppedFrames = 0;
+    int totalFrames = 0, droppedFrames = 0;
     bool refuseService = false; // obs_service_create gives null
-    // The settings of the streaming service as last saved, with their values, and before that,
-    // as OBS keeps them in its backup; the calls name only the settings, never a key.
+    // The streaming service's settings as last saved, and before that, in OBS's backup.
     QVariantMap saved, backup;
 };
 Streaming &streaming();
 // [BasicWindow] DockState in OBS 30's global configuration, or with `user` in OBS 31's.
 QByteArray &dockState(bool user);
-// Delivers an obs_frontend_event (an int, so that this header needs no OBS header) to every
-// registered callback.
+// Delivers an obs_frontend_event (an int: this header needs no OBS header) to every callback.
 void sendEvent(int event);
 
 } // namespace hostDouble
