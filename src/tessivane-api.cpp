@@ -82,8 +82,6 @@ QString pathWord(const QString &value)
 TessivaneApi::TessivaneApi(QObject *parent)
     : QObject(parent), baseUrl_(QUrl(QStringLiteral(TESSIVANE_SERVICE_ORIGIN)))
 {
-    static const bool once = (holdAuthoritiesOnce(), true);
-    Q_UNUSED(once);
 }
 
 void TessivaneApi::setBaseUrl(const QUrl &url)
@@ -111,6 +109,9 @@ void TessivaneApi::abortAll()
 
 QNetworkRequest TessivaneApi::requestFor(const QString &path) const
 {
+    // At the first request, when Qt reads the trust store anyway, not at OBS's start.
+    static const bool once = (holdAuthoritiesOnce(), true);
+    Q_UNUSED(once);
     QUrl url = baseUrl_;
     // The path is decoded text: "?" and "%" in it travel escaped, never as a query.
     url.setPath(path.startsWith(QLatin1Char('/')) ? path : QLatin1Char('/') + path,
